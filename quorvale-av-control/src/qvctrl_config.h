@@ -1,0 +1,116 @@
+// The daemon-wide configuration record: allocated once at start-up with its defaults, filled from
+// the command line and the configuration file, and shared by every thread until the process ends.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "qv_nats_config.h"
+
+enum qv_thread_status {
+    CREATING = 0,
+    STARTING = 1,
+    READY = 2,
+    BUSY = 3,
+    HOLD = 4,
+    RESUME = 5,
+    STOP = 6,
+    TERMINATED = 7,
+};
+
+enum qv_update_status_t {
+    WAITING = 0,
+    UPDATING = 1,
+    FILES_READY = 2,
+    WAITING_FOR_TEMP_WORKER = 3,
+    WAITING_FOR_RESTART = 4,
+};
+
+struct log_config {
+    long max_logfile_size_MB = 10;
+    std::string basedir_errorlog;
+    std::string basedir_updatelog;
+    std::string basedir_blocklog;
+    std::string basedir_statuslog;
+    std::string basedir_epolog;
+    std::string basedir_scanlog;
+    std::string cluster_name;
+    bool external_logger = false;
+    bool log_as_json = false;
+    bool split_logs_by_realm = true;
+};
+
+struct qv_update_config_t {
+    bool update_binary = true;
+    bool update_data = true;
+    bool update_engine = true;
+    std::string update_server;
+    int32_t update_check_interval = 5;
+    int32_t update_max_backups = 3;
+    bool no_certificate_check = false;
+};
+
+struct qv_network_config_t {
+    std::string http_proxy;
+};
+
+// An installed service named by the INSTALLED key.
+struct qv_installed_service_t {
+    std::string servicename;
+};
+
+struct quorvale_control_config_t {
+    std::unique_ptr<qv_nats_config> main_nats_config;
+    std::unique_ptr<qv_nats_config> backend_amqp_config;
+    std::string basedir;
+    std::string temppath;
+    std::string workdir;
+    std::string apigw_url;
+    std::string apigw_user;
+    std::string apigw_password;
+    std::string confighash;
+    int32_t max_clients = 1000;
+    bool run_as_daemon = true;
+    std::list<qv_installed_service_t> controlled_services;
+    int tracelevel = -1;
+    std::string tracefile;
+    size_t tracefile_max_size = 50;
+    bool trace_to_screen = false;
+    std::atomic<int32_t> endthreads{0};
+    int32_t number_of_client_side_worker_threads = 10;
+    int32_t number_of_service_side_worker_threads = 10;
+    int32_t number_of_logger_threads = 5;
+    int32_t number_of_epolog_threads = 0;
+    int32_t number_of_event_dispatcher_threads = 5;
+    std::mutex listmutex;
+    std::mutex epolog_mutex;
+    std::mutex log_write_mutex;
+    std::unique_ptr<qv_update_config_t> update_config;
+    std::unique_ptr<qv_network_config_t> network_config;
+    std::string config_file;
+    std::unique_ptr<struct log_config> log;
+    bool console_mode = false;
+    bool cloud_mode = false;
+    bool cloud_management = false;
+    std::string broker_auth_file;
+    std::string broker_pid_file;
+    bool cloud_logging = false;
+    bool external_epolog_service = false;
+    int32_t shutdown_delay = 15;
+    std::mutex event_workers_listmutex;
+    int32_t worker_timeout = 0;
+    bool worker_registry_enabled = false;
+    int32_t worker_registry_ttl_ms = 0;
+    int32_t worker_registry_sync_interval_ms = 0;
+    bool event_subscription_kv_enabled = false;
+    int32_t event_subscription_ttl_ms = 0;
+    int32_t event_subscription_sync_interval_ms = 0;
+    uint32_t config_poll_interval = 180;
+};
+
+// A record with every default of a fresh start: the sub-records allocated, the lists empty.
+std::unique_ptr<quorvale_control_config_t> qvctrl_config_new();

@@ -1,0 +1,57 @@
+#include "qv_json.h"
+
+#include <cctype>
+#include <string>
+
+#include "log.h"
+
+qv::json_ptr qv_json_parse(std::string_view text, const char** error) {
+    qv::json_tokener_ptr tok(json_tokener_new());
+    if (!tok) {
+        if (error != nullptr) {
+            *error = "Failed to create JSON tokener";
+        }
+        return nullptr;
+    }
+    qv::json_ptr obj(json_tokener_parse_ex(tok.get(), text.data(), static_cast<int>(text.size())));
+    enum json_tokener_error jerr = json_tokener_get_error(tok.get());
+    bool trailing = false;
+    for (size_t i = json_tokener_get_parse_end(tok.get()); obj && i < text.size(); ++i) {
+        if (!isspace(static_cast<unsigned char>(text[i]))) {
+            trailing = true;
+            break;
+        }
+    }
+    if (!obj || jerr != json_tokener_success || trailing) {
+        if (jerr == json_tokener_continue) {
+            jerr = json_tokener_error_parse_eof;
+        }
+        if (error != nullptr) {
+            *error = obj && jerr == json_tokener_success ? "unexpected trailing characters"
+                                                         : json_tokener_error_desc(jerr);
+        }
+        return nullptr;
+    }
+    return obj;
+}
+
+const char* qv_json_get_required_string(json_object* object, const char* key) {
+    json_object* member = nullptr;
+    if (object == nullptr || !json_object_object_get_ex(object, key, &member) ||
+        !json_object_is_type(member, json_type_string)) {
+        log_error("Failed to read %s from JSON", key);
+        return nullptr;
+    }
+    const char* value = json_object_get_string(member);
+    if (value == nullptr || value[0] == '\0') {
+        log_error("Key %s found, but value is empty", key);
+        return nullptr;
+    }
+    return value;
+}
+
+std::string qv_json_to_string(json_object* object) {
+    const char* text =
+        json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+    return text != nullptr ? text : "";
+}

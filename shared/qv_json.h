@@ -1,0 +1,14 @@
+// JSON helpers over json-c used by every service handler.
+#pragma once
+
+#include <string_view>
+
+#include "qv_handles.h"
+
+// Parses a whole text; null on failure, with the tokener's error text in *error when given.
+qv::json_ptr qv_json_parse(std::string_view text, const char** error = nullptr);
+// A required string member: a missing (or non-string) member logs "Failed to read %s from
+// JSON", an empty one "Key %s found, but value is empty"; both give null.
+const char* qv_json_get_required_string(json_object* object, const char* key);
+// Plain, unindented text of the object, with '/' left unescaped.
+std::string qv_json_to_string(json_object* object);

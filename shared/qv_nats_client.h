@@ -1,0 +1,35 @@
+// NATS request/reply: the one connection of the process (TLS, reconnect, JetStream), JSON
+// requests to named services, and pools of handler threads for the services this process offers.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "qv_handles.h"
+#include "qv_nats_config.h"
+#include "qv_request_reply_types.h"
+
+// Connects and sets _conn and, when possible, _js. 0 or -1.
+int qv_nats_init(qv_nats_config* config);
+// Releases the bucket handles, the JetStream context and the connection. Safe on null.
+void qv_nats_deinit(qv_nats_config* config);
+
+// Sends the JSON text to `service` and waits for the reply; `retries` more attempts after the
+// first. Null on failure, with the reason in *errormsg when given.
+qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
+                                    const char* request_json_txt, uint32_t timeout_ms, int retries,
+                                    std::string* errormsg);
+// The integer "ReturnCode" of the reply; -1 without a reply or without that member.
+int qv_nats_simple_request(qv_nats_config* config, const char* service,
+                           const char* request_json_txt, uint32_t timeout_ms, int retries,
+                           std::string* errormsg);
+// Starts `number_of_threads` detached threads sharing one queue subscription on `service`
+// (subject and queue group). Each ends when *terminate becomes non-zero or the connection
+// closes. 0 or -1.
+int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* service,
+                                          qv_service_handler_t request_handler,
+                                          void* request_handler_config,
+                                          const std::atomic<int>* terminate,
+                                          int number_of_threads);
+
