@@ -17,7 +17,9 @@ namespace {
 
 qv::sem_ptr s_trace_sem;
 
-int s_lock_adapter(void* udata, int action) { return QVLogLock(static_cast<sem_t*>(udata), action); }
+int s_lock_adapter(void* udata, int action) {
+    return QVLogLock(static_cast<sem_t*>(udata), action);
+}
 
 int s_switch_logfile(const char* filename) {
     char stamp[80];

@@ -72,8 +72,7 @@ const char* s_level_color(int level) {
 
 }  // namespace
 
-void log_log(int level, const char* function, const char* file, int line, const char* format,
-             ...) {
+void log_log(int level, const char* function, const char* file, int line, const char* format, ...) {
     if (level > L.level) {
         return;
     }
@@ -126,16 +125,36 @@ void log_log(int level, const char* function, const char* file, int line, const 
     }
 }
 
-void log_set_udata(void* udata) { L.udata = udata; }
-void* log_get_udata() { return L.udata; }
-void log_set_lock(log_LockFn fn) { L.lock = fn; }
-void log_set_level(int level) { L.level = level; }
-int log_get_level() { return L.level; }
-void log_set_quiet(int enable) { L.quiet = enable != 0; }
+void log_set_udata(void* udata) {
+    L.udata = udata;
+}
+void* log_get_udata() {
+    return L.udata;
+}
+void log_set_lock(log_LockFn fn) {
+    L.lock = fn;
+}
+void log_set_level(int level) {
+    L.level = level;
+}
+int log_get_level() {
+    return L.level;
+}
+void log_set_quiet(int enable) {
+    L.quiet = enable != 0;
+}
 void log_set_filename(const char* filename) {
     snprintf(L.filename, sizeof(L.filename), "%s", filename != nullptr ? filename : "");
 }
-const char* log_get_filename() { return L.filename[0] == '\0' ? nullptr : L.filename; }
-void log_set_maxsize(size_t megabytes) { L.maxsize_mb = megabytes; }
-size_t log_get_maxsize() { return L.maxsize_mb; }
-void log_set_screentrace(int enable) { L.trace_to_screen = enable != 0; }
+const char* log_get_filename() {
+    return L.filename[0] == '\0' ? nullptr : L.filename;
+}
+void log_set_maxsize(size_t megabytes) {
+    L.maxsize_mb = megabytes;
+}
+size_t log_get_maxsize() {
+    return L.maxsize_mb;
+}
+void log_set_screentrace(int enable) {
+    L.trace_to_screen = enable != 0;
+}

@@ -21,8 +21,8 @@ using log_LockFn = int (*)(void* udata, int action);
 // Program path printed in every line; set from argv[0] before anything is logged.
 extern const char* qv__progname;
 
-void log_log(int level, const char* function, const char* file, int line, const char* format,
-             ...) __attribute__((format(printf, 5, 6)));
+void log_log(int level, const char* function, const char* file, int line, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 void log_set_udata(void* udata);
 void* log_get_udata();

@@ -28,11 +28,21 @@ struct releaser {
 template <typename T, auto Release>
 using handle = std::unique_ptr<T, releaser<T, Release>>;
 
-inline void release_json(json_object* o) { json_object_put(o); }
-inline void release_archive_write(struct archive* a) { archive_write_free(a); }
-inline void release_archive_read(struct archive* a) { archive_read_free(a); }
-inline void release_file(FILE* f) { fclose(f); }
-inline void release_sem(sem_t* s) { sem_close(s); }
+inline void release_json(json_object* o) {
+    json_object_put(o);
+}
+inline void release_archive_write(struct archive* a) {
+    archive_write_free(a);
+}
+inline void release_archive_read(struct archive* a) {
+    archive_read_free(a);
+}
+inline void release_file(FILE* f) {
+    fclose(f);
+}
+inline void release_sem(sem_t* s) {
+    sem_close(s);
+}
 inline void release_conn(natsConnection* c) {
     natsConnection_Close(c);
     natsConnection_Destroy(c);
@@ -59,7 +69,7 @@ using kv_watcher_ptr = handle<kvWatcher, kvWatcher_Destroy>;
 
 // An owned file descriptor; -1 means none.
 class unique_fd {
-public:
+  public:
     unique_fd() = default;
     explicit unique_fd(int fd) : fd_(fd) {}
     unique_fd(const unique_fd&) = delete;
@@ -82,7 +92,7 @@ public:
     }
     explicit operator bool() const { return fd_ >= 0; }
 
-private:
+  private:
     int fd_ = -1;
 };
 

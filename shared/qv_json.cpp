@@ -51,7 +51,7 @@ const char* qv_json_get_required_string(json_object* object, const char* key) {
 }
 
 std::string qv_json_to_string(json_object* object) {
-    const char* text =
-        json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+    const char* text = json_object_to_json_string_ext(
+        object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     return text != nullptr ? text : "";
 }

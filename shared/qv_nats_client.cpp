@@ -9,10 +9,13 @@
 
 #include "log.h"
 #include "qv_json.h"
+#include "qv_nats_kv.h"
 #include "qv_nats_nr_backoff.h"
 #include "qvhlp_replies.h"
 
-std::unique_ptr<qv_nats_config> qv_nats_config_new() { return std::make_unique<qv_nats_config>(); }
+std::unique_ptr<qv_nats_config> qv_nats_config_new() {
+    return std::make_unique<qv_nats_config>();
+}
 
 namespace {
 
@@ -65,7 +68,9 @@ void s_reconnected_cb(natsConnection* nc, void* /*closure*/) {
     log_info("NATS: reconnected to %s", s_connected_url(nc).c_str());
 }
 
-void s_closed_cb(natsConnection* /*nc*/, void* /*closure*/) { log_warn("NATS: connection closed"); }
+void s_closed_cb(natsConnection* /*nc*/, void* /*closure*/) {
+    log_warn("NATS: connection closed");
+}
 
 bool s_is_transient(natsStatus s) {
     return s == NATS_TIMEOUT || s == NATS_NO_SERVER || s == NATS_IO_ERROR;
@@ -79,7 +84,8 @@ std::string s_expected_hostname(const std::string& url) {
     }
     start += 3;
     size_t end = url.find_first_of(":/", start);
-    std::string host = url.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    std::string host =
+        url.substr(start, end == std::string::npos ? std::string::npos : end - start);
     return (host.size() >= 1 && host.size() <= 255) ? host : "";
 }
 
@@ -100,8 +106,9 @@ int s_configure_tls(natsOptions* opts, const qv_nats_config* config) {
             return -1;
         }
 #else
-        log_warn("TLS handshake before the server greeting needs libnats 3.8; keeping the normal "
-                 "TLS handshake");
+        log_warn(
+            "TLS handshake before the server greeting needs libnats 3.8; keeping the normal "
+            "TLS handshake");
 #endif
         std::string host = s_expected_hostname(url);
         if (!host.empty()) {
@@ -205,9 +212,10 @@ int qv_nats_init(qv_nats_config* config) {
             return -1;
         }
         if (attempt == N_INIT_ATTEMPTS) {
-            log_warn("NATS: connect to %s still failing on final attempt %d/%d (%s) — handing off "
-                     "to background reconnect (MaxReconnect=%d)",
-                     url, attempt, N_INIT_ATTEMPTS, natsStatus_GetText(s), s_max_reconnect);
+            log_warn(
+                "NATS: connect to %s still failing on final attempt %d/%d (%s) — handing off "
+                "to background reconnect (MaxReconnect=%d)",
+                url, attempt, N_INIT_ATTEMPTS, natsStatus_GetText(s), s_max_reconnect);
             break;
         }
         int base = 200 << (attempt - 1);
@@ -233,25 +241,28 @@ int qv_nats_init(qv_nats_config* config) {
     natsStatus last_status = natsConnection_GetLastError(raw, &last);
     const natsConnStatus status = natsConnection_Status(raw);
     log_debug("Post-connect status=%s last_err_status=%s last_err=%s", s_status_name(status),
-              natsStatus_GetText(last_status), (last != nullptr && last[0] != '\0') ? last : "(none)");
+              natsStatus_GetText(last_status),
+              (last != nullptr && last[0] != '\0') ? last : "(none)");
     const std::string connected = s_connected_url(raw);
     const bool tls_url = connected.rfind("tls://", 0) == 0 || connected.rfind("wss://", 0) == 0;
     log_debug("Negotiated connected_url=%s (scheme implies TLS=%s)", connected.c_str(),
               tls_url ? "yes" : "no");
-    const bool tls_requested = config->server_url.rfind("tls://", 0) == 0 ||
-                               config->server_url.rfind("wss://", 0) == 0;
+    const bool tls_requested =
+        config->server_url.rfind("tls://", 0) == 0 || config->server_url.rfind("wss://", 0) == 0;
     if (tls_requested && status == NATS_CONN_STATUS_CONNECTED && !tls_url) {
-        log_error("*** TLS requested via %s but negotiated url is %s — connection is NOT "
-                  "encrypted. Likely causes: server has allow_non_tls=true and cnats did not "
-                  "initiate the TLS handshake, OR the cnats build in use does not enforce "
-                  "SetSecure(true) for this scheme.",
-                  config->server_url.c_str(), connected.c_str());
+        log_error(
+            "*** TLS requested via %s but negotiated url is %s — connection is NOT "
+            "encrypted. Likely causes: server has allow_non_tls=true and cnats did not "
+            "initiate the TLS handshake, OR the cnats build in use does not enforce "
+            "SetSecure(true) for this scheme.",
+            config->server_url.c_str(), connected.c_str());
     }
     if (tls_requested && status != NATS_CONN_STATUS_CONNECTED) {
-        log_warn("Connection not yet established — if this persists, the handshake is failing. "
-                 "Common causes: (1) server cert SAN does not cover the URL hostname or resolved "
-                 "IP, (2) server cert not signed by the CA in cert_path, (3) server presented an "
-                 "expired cert or clock skew.");
+        log_warn(
+            "Connection not yet established — if this persists, the handshake is failing. "
+            "Common causes: (1) server cert SAN does not cover the URL hostname or resolved "
+            "IP, (2) server cert not signed by the CA in cert_path, (3) server presented an "
+            "expired cert or clock skew.");
     }
 
     jsCtx* js = nullptr;
@@ -293,35 +304,38 @@ void qv_nats_deinit(qv_nats_config* config) {
     }
 }
 
-qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
-                                    const char* request_json_txt, uint32_t timeout_ms, int retries,
-                                    std::string* errormsg) {
-    if (config == nullptr || !config->_conn || service == nullptr || request_json_txt == nullptr) {
-        s_set_error(errormsg, "NATS: invalid parameters for send_recv_json");
-        return nullptr;
-    }
-    log_trace("NATS: sending request to %s (timeout: %ums):\n%s", service, timeout_ms,
-              request_json_txt);
+namespace {
+
+// The request loop shared by the plain and the staged sends: `attempt_budget_ms` is what each
+// attempt may take (less what back-off slept), `nr_timeout_ms` what the back-off rule sees.
+qv::nats_msg_ptr s_request_loop(qv_nats_config* config, const char* service,
+                                const std::string& body, uint64_t attempt_budget_ms,
+                                uint64_t nr_timeout_ms, bool staged, int retries,
+                                std::string* errormsg) {
     qv_nats_nr_state_t nr;
     qv_nats_nr_init(&nr);
     int attempts_left = retries + 1;
-    qv::nats_msg_ptr reply;
-    const int len = static_cast<int>(strlen(request_json_txt));
     while (attempts_left > 0) {
         natsMsg* raw = nullptr;
-        const uint64_t attempt_timeout = qv_nats_nr_attempt_timeout_ms(&nr, timeout_ms);
-        natsStatus s = natsConnection_Request(&raw, config->_conn.get(), service, request_json_txt,
-                                              len, static_cast<int64_t>(attempt_timeout));
+        const uint64_t attempt_timeout = qv_nats_nr_attempt_timeout_ms(&nr, attempt_budget_ms);
+        natsStatus s = natsConnection_Request(&raw, config->_conn.get(), service, body.data(),
+                                              static_cast<int>(body.size()),
+                                              static_cast<int64_t>(attempt_timeout));
         qv::nats_msg_ptr msg(raw);
-        if (s == NATS_NO_RESPONDERS && qv_nats_nr_should_retry(&nr, timeout_ms, service)) {
+        if (s == NATS_NO_RESPONDERS && qv_nats_nr_should_retry(&nr, nr_timeout_ms, service)) {
             continue;
         }
         if (s == NATS_OK && msg) {
-            reply = std::move(msg);
-            break;
+            return msg;
         }
         if (s == NATS_TIMEOUT) {
-            log_debug("NATS: request to %s timed out after %ums", service, timeout_ms);
+            if (staged) {
+                log_debug("NATS: request to %s timed out after %lums", service,
+                          static_cast<unsigned long>(attempt_budget_ms));
+            } else {
+                log_debug("NATS: request to %s timed out after %ums", service,
+                          static_cast<unsigned>(attempt_budget_ms));
+            }
             s_set_error(errormsg, std::string("NATS: request to ") + service + " timed out");
         } else {
             log_error("NATS: request to %s failed: %s", service, natsStatus_GetText(s));
@@ -333,21 +347,87 @@ qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
             log_debug("NATS: retrying %s... retries left: %d", service, attempts_left - 1);
         }
     }
-    if (!reply) {
-        return nullptr;
-    }
-    const int body_len = natsMsg_GetDataLength(reply.get());
+    return nullptr;
+}
+
+// Parses a reply body; null (logged) when it is empty or not JSON.
+qv::json_ptr s_parse_reply(const char* service, natsMsg* reply) {
+    const int body_len = natsMsg_GetDataLength(reply);
     if (body_len <= 0) {
         log_warn("NATS: received empty reply from %s", service);
         return nullptr;
     }
-    std::string_view body(natsMsg_GetData(reply.get()), static_cast<size_t>(body_len));
+    std::string_view body(natsMsg_GetData(reply), static_cast<size_t>(body_len));
     log_trace("NATS: received reply from %s (%d bytes):\n%.*s", service, body_len, body_len,
               body.data());
     const char* perr = nullptr;
     qv::json_ptr parsed = qv_json_parse(body, &perr);
     if (!parsed) {
         log_error("NATS: failed to parse reply JSON from %s: %s", service, perr);
+    }
+    return parsed;
+}
+
+}  // namespace
+
+qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
+                                    const char* request_json_txt, uint32_t timeout_ms, int retries,
+                                    std::string* errormsg) {
+    if (config == nullptr || !config->_conn || service == nullptr || request_json_txt == nullptr) {
+        s_set_error(errormsg, "NATS: invalid parameters for send_recv_json");
+        return nullptr;
+    }
+    log_trace("NATS: sending request to %s (timeout: %ums):\n%s", service, timeout_ms,
+              request_json_txt);
+    qv::nats_msg_ptr reply = s_request_loop(config, service, request_json_txt, timeout_ms,
+                                            timeout_ms, false, retries, errormsg);
+    return reply ? s_parse_reply(service, reply.get()) : nullptr;
+}
+
+qv::json_ptr qv_nats_send_recv_json_data(qv_nats_config* config, const char* service,
+                                         qv_const_request_reply_t* rr, uint64_t timeout_ms,
+                                         uint64_t extra_timeout_ms, int retries,
+                                         std::string* errormsg) {
+    if (config == nullptr || !config->_conn || service == nullptr || rr == nullptr ||
+        rr->request == nullptr) {
+        s_set_error(errormsg, "NATS: invalid parameters for send_recv_json_data");
+        return nullptr;
+    }
+    const qv_message_t& request = *rr->request;
+    std::string key;
+    bool generated = false;
+    const uint64_t total = timeout_ms + extra_timeout_ms;
+    if (!request.staged_data_key.empty()) {
+        key = request.staged_data_key;
+    } else if (!request.data.empty()) {
+        key = qv_nats_make_scan_key();
+        const int64_t ttl = static_cast<int64_t>(std::max<uint64_t>(total + total / 10, 1000));
+        if (kvstore_put_chunked(config, key.c_str(), request.data.data(), request.data.size(),
+                                ttl) != 0) {
+            s_set_error(errormsg, "NATS: failed to store binary data in KV store");
+            return nullptr;
+        }
+        generated = true;
+    }
+    std::string body = request.json_txt;
+    if (!key.empty()) {
+        qv::json_ptr obj = qv_json_parse(request.json_txt);
+        if (obj && json_object_is_type(obj.get(), json_type_object)) {
+            json_object_object_add(obj.get(), "_kv_key", json_object_new_string(key.c_str()));
+            body = qv_json_to_string(obj.get());
+        }
+    }
+    log_trace("NATS: sending request to %s (timeout: %lums):\n%s", service,
+              static_cast<unsigned long>(total), body.c_str());
+    qv::nats_msg_ptr reply =
+        s_request_loop(config, service, body, total, timeout_ms, true, retries, errormsg);
+    qv::json_ptr parsed = reply ? s_parse_reply(service, reply.get()) : nullptr;
+    // Without a reply the worker may still be reading the chunks: they expire by themselves.
+    if (generated && parsed) {
+        kvstore_delete_chunked(config, key.c_str());
+    }
+    if (rr->reply != nullptr) {
+        rr->reply->json_txt.clear();
     }
     return parsed;
 }
@@ -381,13 +461,36 @@ void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
     }
     qv_request_reply_t rr;
     rr.request.json_txt.assign(natsMsg_GetData(msg), static_cast<size_t>(body_len));
+    bool failed = false;
+    qv::json_ptr obj = qv_json_parse(rr.request.json_txt);
+    json_object* kv_key = nullptr;
+    if (obj && json_object_is_type(obj.get(), json_type_object) &&
+        json_object_object_get_ex(obj.get(), "_kv_key", &kv_key)) {
+        const std::string key = json_object_get_string(kv_key);
+        if (kvstore_get_chunked(args.config, key.c_str(), &rr.request.data) != 0) {
+            log_error(
+                "NATS: could not retrieve staged payload for key '%s' — failing the "
+                "request closed (handler not invoked)",
+                key.c_str());
+            failed = true;
+        }
+        rr.request.staged_data_key = key;
+        json_object_object_del(obj.get(), "_kv_key");
+        rr.request.json_txt = qv_json_to_string(obj.get());
+    }
     qv_const_request_reply_t crr{&rr.request, &rr.reply};
-    try {
-        args.handler(args.handler_config, &crr);
-    } catch (const std::exception& e) {
-        log_error("NATS: handler for '%s' threw: %s", natsMsg_GetSubject(msg), e.what());
-    } catch (...) {
-        log_error("NATS: handler for '%s' threw an unknown exception", natsMsg_GetSubject(msg));
+    if (failed) {
+        qv_reply_set_ERROR(&rr.reply, SERVICE_ERROR,
+                           "Scan data unavailable: staged payload could not be retrieved from "
+                           "the KV store");
+    } else {
+        try {
+            args.handler(args.handler_config, &crr);
+        } catch (const std::exception& e) {
+            log_error("NATS: handler for '%s' threw: %s", natsMsg_GetSubject(msg), e.what());
+        } catch (...) {
+            log_error("NATS: handler for '%s' threw an unknown exception", natsMsg_GetSubject(msg));
+        }
     }
     const char* reply_subject = natsMsg_GetReply(msg);
     if (!rr.reply.json_txt.empty() && reply_subject != nullptr && reply_subject[0] != '\0') {

@@ -20,6 +20,13 @@ void qv_nats_deinit(qv_nats_config* config);
 qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
                                     const char* request_json_txt, uint32_t timeout_ms, int retries,
                                     std::string* errormsg);
+// As qv_nats_send_recv_json, with the request's binary payload staged in the scan-data bucket
+// (or its already staged key) named by "_kv_key" in the request. Chunks this call staged are
+// deleted once a reply came; without a reply they are left to expire.
+qv::json_ptr qv_nats_send_recv_json_data(qv_nats_config* config, const char* service,
+                                         qv_const_request_reply_t* rr, uint64_t timeout_ms,
+                                         uint64_t extra_timeout_ms, int retries,
+                                         std::string* errormsg);
 // The integer "ReturnCode" of the reply; -1 without a reply or without that member.
 int qv_nats_simple_request(qv_nats_config* config, const char* service,
                            const char* request_json_txt, uint32_t timeout_ms, int retries,
@@ -30,6 +37,4 @@ int qv_nats_simple_request(qv_nats_config* config, const char* service,
 int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* service,
                                           qv_service_handler_t request_handler,
                                           void* request_handler_config,
-                                          const std::atomic<int>* terminate,
-                                          int number_of_threads);
-
+                                          const std::atomic<int>* terminate, int number_of_threads);

@@ -23,7 +23,8 @@ int qv_worker_ping_request_handler(void* /*context*/, qv_const_request_reply_t* 
         log_error("Failed to create JSON tokener");
     } else {
         const std::string& text = rr->request->json_txt;
-        request.reset(json_tokener_parse_ex(tok.get(), text.c_str(), static_cast<int>(text.size())));
+        request.reset(
+            json_tokener_parse_ex(tok.get(), text.c_str(), static_cast<int>(text.size())));
         if (!request) {
             log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
                       json_tokener_error_desc(json_tokener_get_error(tok.get())));

@@ -51,7 +51,8 @@ std::optional<std::string> qvhlp_expand_path(std::string_view path) {
             i = close + 1;
         } else {
             size_t j = i + 1;
-            while (j < path.size() && (isalnum(static_cast<unsigned char>(path[j])) || path[j] == '_')) {
+            while (j < path.size() &&
+                   (isalnum(static_cast<unsigned char>(path[j])) || path[j] == '_')) {
                 ++j;
             }
             if (j == i + 1) {

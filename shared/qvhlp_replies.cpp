@@ -4,7 +4,9 @@
 
 #include "log.h"
 
-int qv_reply_set_OK(qv_message_t* reply) { return qv_reply_set_return_code(reply, 0); }
+int qv_reply_set_OK(qv_message_t* reply) {
+    return qv_reply_set_return_code(reply, 0);
+}
 
 int qv_reply_set_return_code(qv_message_t* reply, int rc) {
     if (reply == nullptr) {

@@ -39,7 +39,9 @@ int QVsem_timedwait(sem_t* semaphore, int milliseconds) {
     return rc;
 }
 
-int QVsem_post(sem_t* semaphore) { return sem_post(semaphore); }
+int QVsem_post(sem_t* semaphore) {
+    return sem_post(semaphore);
+}
 
 int QVsem_unlink(const char* name) {
     log_debug("Entering");

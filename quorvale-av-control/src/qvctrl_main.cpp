@@ -1,1 +1,412 @@
-int main() { return 0; }
+// qv-av-control: start-up, the thread start phase, the two-second main loop and shutdown.
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <czmq.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <openssl/crypto.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include "log-helper.h"
+#include "log.h"
+#include "qv_nats_client.h"
+#include "qv_shm-heartbeat.h"
+#include "qv_uuid.h"
+#include "qv_worker_ping_handler.h"
+#include "qvctrl_PIDlockfile.h"
+#include "qvctrl_config.h"
+#include "qvctrl_parse_commandline.h"
+#include "qvhlp_network.h"
+#include "qvhlp_path.h"
+#include "qvsemaphore.h"
+#include "qvthread.h"
+
+namespace {
+
+// The process stop flag: written by the SIGTERM handler and by cleanup, read by every thread.
+std::atomic<int> killed{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the stop flag is set from a signal handler");
+// The last signal handled, logged by the main loop (logging is not safe inside the handler).
+std::atomic<int> s_handled_signal{0};
+
+// The configuration record: shared by every thread for the life of the process.
+std::unique_ptr<quorvale_control_config_t> s_config;
+
+// Descriptor of the instance lock file; held (and locked) until the process ends.
+qv::unique_fd fd_lockfile;
+
+constexpr const char* s_component = "qv-av-control";
+
+struct qv_control_update_thread_params_t {
+    std::atomic<qv_thread_status> currentstatus{CREATING};
+    std::atomic<qv_thread_status> targetstatus{READY};
+    quorvale_control_config_t* config = nullptr;
+    std::atomic<qv_update_status_t> status{WAITING};
+    std::string update_deployed_to;
+};
+
+void sigterm_handler_fn(int signal) {
+    killed.store(1);
+    s_handled_signal.store(signal);
+}
+
+void s_log_handled_signal() {
+    int signal = s_handled_signal.exchange(0);
+    if (signal != 0) {
+        log_debug("Signal %d handled", signal);
+    }
+}
+
+// The host's IPv4 address with '.' replaced by '_', or a random UUID when no copy can be made.
+std::string s_create_IP_string() {
+    const char* ip = qvhlp_GetMyIP();
+    char text[16];
+    snprintf(text, sizeof(text), "%s", ip != nullptr ? ip : "(null)");
+    for (char* p = text; *p != '\0'; ++p) {
+        if (*p == '.') {
+            *p = '_';
+        }
+    }
+    return text;
+}
+
+int s_allocate_config_structs_and_set_defaults(
+    std::unique_ptr<quorvale_control_config_t>* config_out,
+    std::unique_ptr<qv_control_update_thread_params_t>* update_params_out) {
+    try {
+        auto config = qvctrl_config_new();
+        config->confighash = s_create_IP_string();
+        if (config->confighash.empty()) {
+            log_warn("Failed to get IP address - using random uuid as fallback");
+            uuid_t uuid;
+            char uuid_str[37];
+            qv_uuid_generate_random(uuid);
+            qv_uuid_unparse_lower(uuid, uuid_str);
+            config->confighash = uuid_str;
+        }
+        auto params = std::make_unique<qv_control_update_thread_params_t>();
+        params->config = config.get();
+        *config_out = std::move(config);
+        *update_params_out = std::move(params);
+    } catch (const std::bad_alloc& e) {
+        fprintf(stderr, "Failed to allocate config struct: %s\r\n", strerror(ENOMEM));
+        return -1;
+    }
+    return 0;
+}
+
+// One row of the thread start phase: a service-handler pool on a NATS subject.
+struct service_row {
+    bool enabled;
+    const char* service;
+    const char* display_name;
+    int count;
+    qv_service_handler_t entry;
+};
+
+int s_start_worker_threads(quorvale_control_config_t* config, qv_service_handler_t entry, int count,
+                           const char* servicename, const char* name) {
+    log_info("Starting %d %s worker threads", count, name);
+    int rc = qv_nats_start_service_handler_threads(config->main_nats_config.get(), servicename,
+                                                   entry, config, &killed, count);
+    if (rc != 0) {
+        log_error("Failed to create %s (%s) service handler threads", name, servicename);
+        return rc;
+    }
+    log_trace("Created %d %s (%s) service handler threads", count, name, servicename);
+    return 0;
+}
+
+void s_join_worker_threads(qv_thread_t* worker_threads, int count, const char* name) {
+    if (worker_threads == nullptr) {
+        log_warn("No %s threads to join", name);
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        log_trace("Joining %s thread #%d", name, i);
+        QV_JoinThreadTimeout(&worker_threads[i], 1000);
+    }
+}
+
+// Sleeps up to `seconds`, in steps short enough to notice the stop flag when `watch_stop` is set.
+void s_sleep_seconds(int seconds, bool watch_stop) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+        if (watch_stop && killed.load() != 0) {
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
+std::string s_format_path(const char* format, const std::string& basedir, const std::string& name) {
+    char path[4096];
+    snprintf(path, sizeof(path), format, basedir.c_str(), '/', '/', name.c_str());
+    return path;
+}
+
+// The thread start phase. 0 when every row and thread started.
+int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread) {
+    (void)update_thread;
+    const service_row rows[] = {
+        {true, "qv-av-control.ping", "qv-av-control (ping)", 1, qv_worker_ping_request_handler},
+    };
+    for (const service_row& row : rows) {
+        if (!row.enabled) {
+            continue;
+        }
+        if (s_start_worker_threads(config, row.entry, row.count, row.service, row.display_name) !=
+            0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_params_t* params,
+                 char** argv) {
+    (void)config;
+    (void)params;
+    (void)argv;
+    log_trace("Entering main loop");
+    while (killed.load() == 0) {
+        s_sleep_seconds(2, true);
+        if (killed.load() != 0) {
+            s_log_handled_signal();
+            log_info("Signal received. Exiting gracefully...");
+            break;
+        }
+        malloc_trim(0);
+    }
+    log_trace("Exited main loop");
+}
+
+int s_run(int argc, char** argv) {
+    int pidfile_fd = -1;
+    int rc = 0;
+    bool startup_loop_enabled = false;
+    qv__progname = argv[0];
+    log_set_quiet(0);
+    log_set_screentrace(1);
+
+    char hostname[4096] = {};
+    if (gethostname(hostname, sizeof(hostname) - 1) != 0) {
+        snprintf(hostname, sizeof(hostname), "hostname_not_read");
+    }
+
+    std::unique_ptr<qv_control_update_thread_params_t> update_params;
+    if (s_allocate_config_structs_and_set_defaults(&s_config, &update_params) != 0) {
+        return -1;
+    }
+    quorvale_control_config_t* config = s_config.get();
+
+    if (qvctrl_parse_commandline(config, argc, argv) != 0) {
+        fprintf(stderr, "Failed to parse command line parameters\r\n");
+        qvctrl_commanline_error();
+        exit(-1);
+    }
+
+    qv_thread_t update_thread;
+    bool update_thread_started = false;
+    qv::sem_ptr heartbeat_sem;
+    std::unique_ptr<mappedRegionS> mapped_region;
+
+    // Everything below reports a failure by setting rc and leaving this block for cleanup.
+    do {
+        zsys_handler_set(nullptr);
+        signal(SIGPIPE, SIG_IGN);
+        struct sigaction action {};
+        action.sa_handler = sigterm_handler_fn;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        if (sigaction(SIGTERM, &action, nullptr) != 0) {
+            fprintf(stderr, "Error registering signal handler. errno=%d", errno);
+            rc = -1;
+            break;
+        }
+        srand(static_cast<unsigned int>(pthread_self()) + static_cast<unsigned int>(clock()));
+
+        if (QVOpenTraceFile(config->tracefile.c_str(), config->tracelevel,
+                            config->tracefile_max_size) != 0) {
+            log_error("Failed to open Log/trace file %s", config->tracefile.c_str());
+        }
+        const std::string rule(70, '=');
+        log_info("%s", rule.c_str());
+        log_info("  Starting %s", s_component);
+        log_info("  Component Version: %d.%d", 2, 2);
+        log_info("%s", rule.c_str());
+
+        char version_path[4096];
+        snprintf(version_path, sizeof(version_path), "%s%c%s%c.running_version",
+                 config->basedir.c_str(), '/', s_component, '/');
+        char version_text[1024];
+        snprintf(version_text, sizeof(version_text),
+                 "quorvale Anti-Virus %d.%d.%d Build %d\r\n%s v.%d.%d\n ", 4, 0, 5, 136,
+                 s_component, 2, 2);
+        qvhlp_dump_buffer_to_file(version_path, version_text, strlen(version_text));
+
+        qv_nats_config* nats = config->main_nats_config.get();
+        if (config->basedir.empty()) {
+            log_error("Invalid Parameter 'basedir'");
+            rc = -1;
+            break;
+        }
+        if (nats == nullptr || nats->server_url.empty()) {
+            log_error("Invalid Parameter NATS_URL / BROKER_URL");
+            rc = -1;
+            break;
+        }
+        if (nats->user.empty()) {
+            log_error("Invalid Parameter BROKER_USER");
+            rc = -1;
+            break;
+        }
+        if (nats->password.empty()) {
+            log_error("Invalid Parameter BROKER_PASSWORD");
+            rc = -1;
+            break;
+        }
+        if (nats->broker_name.empty()) {
+            log_error("Invalid Parameter BROKER_NAME");
+            rc = -1;
+            break;
+        }
+
+        if (config->temppath.empty()) {
+            // The variable's name really includes the dollar sign; plain TMPDIR is not consulted.
+            const char* tmp = getenv("$TMPDIR");
+            config->temppath = tmp != nullptr ? tmp : "/tmp";
+        }
+
+        if (!config->console_mode) {
+            char cwd[4096] = {};
+            if (getcwd(cwd, sizeof(cwd)) == nullptr) {
+                cwd[0] = '\0';
+            }
+            zsys_daemonize(cwd[0] != '\0' ? cwd : nullptr);
+        }
+
+        if (qv_nats_init(nats) != 0) {
+            log_error("Failed to initialize main NATS connection");
+            rc = -1;
+            break;
+        }
+
+        const std::string lock_path = s_format_path("%s%crun%cquorvale-av-control_%s.lock",
+                                                    config->basedir, config->confighash);
+        fd_lockfile.reset(open(lock_path.c_str(), O_RDWR | O_CREAT, 0600));
+        if (!fd_lockfile) {
+            log_fatal("Failed to open %s", lock_path.c_str());
+        }
+        log_info("Attempting exclusive lock on %s", lock_path.c_str());
+        flock(fd_lockfile.get(), LOCK_EX);
+        log_info("%s locked", lock_path.c_str());
+
+        const std::string pid_path = s_format_path("%s%crun%cquorvale-av-control_%s.pid",
+                                                   config->basedir, config->confighash);
+        if (qvctrl_StorePID(&pidfile_fd, pid_path.c_str(), !config->run_as_daemon) != 0) {
+            log_fatal("Failed to create PID/lock file \"%s\"", pid_path.c_str());
+            rc = -1;
+            break;
+        }
+
+        if (!config->run_as_daemon) {
+            const std::string sem_name = "qv_heartbeat_" + config->confighash;
+            heartbeat_sem.reset(QVsem_open(sem_name.c_str(), O_CREAT, 0666, 0, 1));
+            if (!heartbeat_sem) {
+                log_fatal("Failed to create heartbeat semaphore");
+                rc = -1;
+                break;
+            }
+            const std::string hb_path =
+                s_format_path("%s%crun%cqv_heartbeat_%s", config->basedir, config->confighash);
+            log_debug("heartbeat file: %s", hb_path.c_str());
+            log_debug("Max VSA Processes: %d",
+                      config->max_clients != 0 ? config->max_clients : 1000);
+            if (qvctrl_InitializeHeartbeatFile(hb_path.c_str(), config->max_clients) != 0) {
+                log_fatal("Failed to initialize heartbeat file");
+                rc = -1;
+                break;
+            }
+            if (memmap(hb_path.c_str(), 0, &mapped_region, 2) < 0) {
+                log_error("Error mapping %s to memory. Reason:%s", hb_path.c_str(),
+                          strerror(errno));
+                rc = -1;
+                break;
+            }
+            if (memGetAddr(mapped_region.get()) == nullptr) {
+                log_error("Failed to get address of shared memory block. Reason:%s",
+                          strerror(errno));
+                rc = -1;
+                break;
+            }
+        }
+        startup_loop_enabled = true;
+    } while (false);
+
+    // The start-up loop: a failed thread start phase is retried after the shutdown delay until a
+    // signal ends the process.
+    while (true) {
+        if (startup_loop_enabled) {
+            rc = 0;
+            if (s_start_threads(config, &update_thread) != 0) {
+                rc = -1;
+            } else {
+                s_main_loop(config, update_params.get(), argv);
+                if (pidfile_fd >= 0) {
+                    close(pidfile_fd);
+                    pidfile_fd = -1;
+                }
+            }
+        }
+        if (killed.load() != 0) {
+            startup_loop_enabled = false;
+        }
+        s_sleep_seconds(config->shutdown_delay, false);
+        config->endthreads.store(1);
+        killed.store(1);
+        s_join_worker_threads(update_thread_started ? &update_thread : nullptr, 1, "update");
+        if (startup_loop_enabled) {
+            killed.store(0);
+            continue;
+        }
+        break;
+    }
+    s_log_handled_signal();
+
+    qv_nats_deinit(config->main_nats_config.get());
+    update_params.reset();
+    log_trace("removing the update lockfile");
+    log_debug("Cleaning up SSL");
+    nats_CloseAndWait(1000);
+    OPENSSL_cleanup();
+    log_info("Ending control with rc=%d", rc);
+    QVCloseTraceFile();
+    return rc;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return s_run(argc, argv);
+    } catch (const std::exception& e) {
+        log_fatal("Unexpected exception: %s", e.what());
+    } catch (...) {
+        log_fatal("Unexpected exception");
+    }
+    return -1;
+}

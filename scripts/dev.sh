@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# Developer entry points. Each installs what is missing, builds, and does its job.
+#   scripts/dev.sh run    a local nats-server (JetStream, TLS, users) and the daemon in the
+#                         foreground until Ctrl-C
+#   scripts/dev.sh test   the whole test suite under AddressSanitizer + UBSan, then the threaded
+#                         tests under ThreadSanitizer
+#   scripts/dev.sh build  the release build only (build/bin/qv-av-control)
+set -euo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+cd "$repo"
+jobs=$(nproc 2>/dev/null || echo 2)
+
+deps() { "$repo/scripts/install-deps.sh"; }
+
+build() {  # build <dir> [cmake args...]
+  local dir=$1; shift
+  cmake -S "$repo" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+}
+
+cmd_build() {
+  deps
+  build "$repo/build"
+}
+
+cmd_test() {
+  deps
+  export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
+  export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+  echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
+  build "$repo/build-asan" -DQV_SANITIZE=address,undefined -DQV_BUILD_BENCH=OFF
+  echo "== all tests (ASan+UBSan)"
+  ctest --test-dir "$repo/build-asan" -j"$jobs" --output-on-failure --timeout 300
+  echo "== build with ThreadSanitizer"
+  build "$repo/build-tsan" -DQV_SANITIZE=thread -DQV_BUILD_BENCH=OFF
+  echo "== threaded tests (TSan)"
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+    ctest --test-dir "$repo/build-tsan" -j"$jobs" --output-on-failure --timeout 300 \
+      -R 'ServiceFixture|NatsConnect|ThreadJoin|TraceLog|Daemon\.'
+}
+
+cmd_run() {
+  deps
+  build "$repo/build"
+  local run=${QV_RUN_DIR:-$repo/.run}
+  local port=${QV_NATS_PORT:-4222}
+  mkdir -p "$run/certs" "$run/nats-store"
+  if [ ! -f "$run/certs/ca.pem" ]; then
+    echo "== generating a CA and a server certificate for localhost in $run/certs"
+    (cd "$run/certs" &&
+      openssl req -x509 -newkey rsa:2048 -nodes -keyout ca-key.pem -out ca.pem -days 3650 \
+        -subj "/CN=qv-av local CA" 2>/dev/null &&
+      openssl req -newkey rsa:2048 -nodes -keyout server-key.pem -out server.csr \
+        -subj "/CN=localhost" 2>/dev/null &&
+      printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n' >san.ext &&
+      openssl x509 -req -in server.csr -CA ca.pem -CAkey ca-key.pem -CAcreateserial \
+        -out server.pem -days 3650 -extfile san.ext 2>/dev/null)
+  fi
+  [ -f "$run/control.password" ] || openssl rand -hex 16 >"$run/control.password"
+  local password; password=$(cat "$run/control.password")
+  cat >"$run/nats.conf" <<CONF
+listen: 127.0.0.1:$port
+jetstream { store_dir: "$run/nats-store" }
+tls { cert_file: "$run/certs/server.pem", key_file: "$run/certs/server-key.pem", timeout: 5 }
+authorization { users = [ { user: "control@local", password: "$password" } ] }
+CONF
+  mkdir -p "$run/basedir"
+  cp -rn "$repo/examples/basedir/." "$run/basedir/"
+  sed -e "s#@BASEDIR@#$run/basedir#g" -e "s#@NATS_URL@#tls://localhost:$port#g" \
+      -e "s#@CA_FILE@#$run/certs/ca.pem#g" -e "s#@PASSWORD@#$password#g" \
+      "$repo/examples/qv-av-control.ini.in" >"$run/qv-av-control.ini"
+
+  echo "== starting nats-server on tls://localhost:$port (log: $run/nats.log)"
+  setsid nats-server -c "$run/nats.conf" -l "$run/nats.log" &
+  local nats_pid=$!
+  local tries=0
+  until (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
+    tries=$((tries + 1))
+    if [ "$tries" -gt 100 ] || ! kill -0 "$nats_pid" 2>/dev/null; then
+      echo "nats-server did not start; see $run/nats.log" >&2
+      kill "$nats_pid" 2>/dev/null || true
+      exit 1
+    fi
+    sleep 0.1
+  done
+  if [ -x "$repo/build/bin/qv-av-kv-setup" ]; then
+    "$repo/build/bin/qv-av-kv-setup" --url "tls://localhost:$port" --user control@local \
+      --password "$password" --ca-file "$run/certs/ca.pem" || true
+  fi
+
+  echo "== starting qv-av-control (config: $run/qv-av-control.ini); Ctrl-C stops it"
+  setsid "$repo/build/bin/qv-av-control" --console-mode --basedir "$run/basedir" \
+    --config-file "$run/qv-av-control.ini" &
+  local daemon_pid=$!
+  stop_all() {
+    trap - INT TERM
+    echo "== stopping qv-av-control"
+    kill -TERM "$daemon_pid" 2>/dev/null || true
+    wait "$daemon_pid" 2>/dev/null || true
+    echo "== stopping nats-server"
+    kill -TERM "$nats_pid" 2>/dev/null || true
+    wait "$nats_pid" 2>/dev/null || true
+  }
+  trap stop_all INT TERM
+  local rc=0
+  wait "$daemon_pid" || rc=$?
+  stop_all
+  return "$rc"
+}
+
+case "${1:-}" in
+  run) cmd_run ;;
+  test) cmd_test ;;
+  build) cmd_build ;;
+  *) echo "usage: scripts/dev.sh run|test|build" >&2; exit 2 ;;
+esac

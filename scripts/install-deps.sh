@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages that the build, the tests and the local run need.
+# Run as root; does nothing when everything is there already.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential g++ cmake pkg-config git clang-format
+  libjson-c-dev libnats-dev libqpid-proton-cpp12-dev libqpid-proton11-dev
+  libcurl4-openssl-dev libssl-dev libsodium-dev libarchive-dev libczmq-dev uuid-dev
+  libjemalloc-dev googletest libgtest-dev libbenchmark-dev
+  nats-server openssl python3 ca-certificates
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+echo "Installing: ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  echo "install-deps.sh: root is needed to install packages" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

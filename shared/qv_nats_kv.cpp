@@ -1,0 +1,575 @@
+#include "qv_nats_kv.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "log.h"
+#include "qv_json.h"
+
+namespace {
+
+std::atomic<bool> s_kv_msg_ttl_unsupported{false};
+
+// The "%s%s%s" tail of the messages: status text, then " — " and the library's last error.
+struct s_tail {
+    std::string status;
+    std::string sep;
+    std::string last;
+    explicit s_tail(natsStatus s) : status(natsStatus_GetText(s)) {
+        const char* text = nats_GetLastError(nullptr);
+        if (text != nullptr && text[0] != '\0') {
+            sep = " — ";
+            last = text;
+        }
+    }
+};
+
+std::string s_subject(const char* bucket, const char* key) {
+    return std::string("$KV.") + bucket + "." + key;
+}
+
+std::string s_chunk_key(const char* key, size_t i) {
+    return std::string(key) + "-" + std::to_string(i);
+}
+
+size_t s_chunk_count(size_t size) {
+    size_t n = (size + QV_KV_CHUNK_SIZE - 1) / QV_KV_CHUNK_SIZE;
+    return n == 0 ? 1 : n;
+}
+
+// A message for `subject` carrying the time-to-live header when `ttl_ms` > 0.
+qv::nats_msg_ptr s_make_msg(const std::string& subject, const void* data, size_t len,
+                            int64_t ttl_ms) {
+    natsMsg* raw = nullptr;
+    if (natsMsg_Create(&raw, subject.c_str(), nullptr, static_cast<const char*>(data),
+                       static_cast<int>(len)) != NATS_OK) {
+        return nullptr;
+    }
+    qv::nats_msg_ptr msg(raw);
+    if (ttl_ms > 0) {
+        const std::string ttl = std::to_string(ttl_ms) + "ms";
+        if (natsMsgHeader_Set(msg.get(), "Nats-TTL", ttl.c_str()) != NATS_OK) {
+            return nullptr;
+        }
+    }
+    return msg;
+}
+
+natsStatus s_js_publish_sync(jsCtx* js, const std::string& subject, const void* data, size_t len,
+                             int64_t ttl_ms) {
+    qv::nats_msg_ptr msg = s_make_msg(subject, data, len, ttl_ms);
+    if (!msg) {
+        return NATS_NO_MEMORY;
+    }
+    jsPubAck* ack = nullptr;
+    natsStatus s = js_PublishMsg(&ack, js, msg.get(), nullptr, nullptr);
+    jsPubAck_Destroy(ack);
+    return s;
+}
+
+kvStore* s_bind(qv_nats_config* cfg, const char* bucket, qv::kv_store_ptr* slot) {
+    if (cfg == nullptr || !cfg->_js) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
+    if (*slot) {
+        return slot->get();
+    }
+    kvStore* kv = nullptr;
+    natsStatus s = js_KeyValue(&kv, cfg->_js.get(), bucket);
+    if (s != NATS_OK) {
+        log_error(
+            "NATS: KV bucket '%s' not found — qv-av-broker should have created it at "
+            "startup; is the broker running and on the same nats-server?: %s",
+            bucket, natsStatus_GetText(s));
+        return nullptr;
+    }
+    slot->reset(kv);
+    return kv;
+}
+
+int kv_put_with_ttl(qv_nats_config* cfg, const char* bucket, kvStore* kv, const char* key,
+                    const void* value, size_t len, int64_t ttl_ms) {
+    if (ttl_ms >= 1 && cfg->_js && !s_kv_msg_ttl_unsupported.load()) {
+        natsStatus s =
+            s_js_publish_sync(cfg->_js.get(), s_subject(bucket, key), value, len, ttl_ms);
+        if (s == NATS_OK) {
+            return 0;
+        }
+        s_tail t(s);
+        log_warn(
+            "NATS: per-message TTL write for '%s' rejected (%s%s%s); falling back to bucket "
+            "TTL. Ensure the KV stream has AllowMsgTTL.",
+            key, t.status.c_str(), t.sep.c_str(), t.last.c_str());
+        s_kv_msg_ttl_unsupported.store(true);
+    }
+    uint64_t rev = 0;
+    natsStatus s = kvStore_Put(&rev, kv, key, value, static_cast<int>(len));
+    if (s != NATS_OK) {
+        s_tail t(s);
+        log_error("NATS: KV put '%s' failed: %s%s%s", key, t.status.c_str(), t.sep.c_str(),
+                  t.last.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int kv_put_chunks_pipelined(qv_nats_config* cfg, const char* key, const unsigned char* data,
+                            size_t size, size_t n, int64_t ttl_ms) {
+    kvStore* kv = get_kvstore(cfg);
+    if (!cfg->_js || kv == nullptr) {
+        return -1;
+    }
+    jsCtx* js = cfg->_js.get();
+    jsPubOptions wait_opts;
+    jsPubOptions_Init(&wait_opts);
+    wait_opts.MaxWait = 30000;
+    for (size_t i = 0; i < n; ++i) {
+        const size_t off = i * QV_KV_CHUNK_SIZE;
+        const size_t len = off < size ? std::min(QV_KV_CHUNK_SIZE, size - off) : 0;
+        const std::string subject = s_subject(QV_KV_SCAN_DATA_BUCKET, s_chunk_key(key, i).c_str());
+        qv::nats_msg_ptr msg = s_make_msg(subject, len > 0 ? data + off : nullptr, len, ttl_ms);
+        natsStatus s = NATS_NO_MEMORY;
+        if (msg) {
+            natsMsg* raw = msg.release();
+            s = js_PublishMsgAsync(js, &raw, nullptr);
+            // The library owns the message once it was accepted; otherwise it is still ours.
+            msg.reset(raw);
+        }
+        if (s != NATS_OK) {
+            s_tail t(s);
+            log_error("NATS: async chunk publish (%s) failed: %s%s%s", subject.c_str(),
+                      t.status.c_str(), t.sep.c_str(), t.last.c_str());
+            js_PublishAsyncComplete(js, &wait_opts);
+            return -1;
+        }
+    }
+    natsStatus s = js_PublishAsyncComplete(js, &wait_opts);
+    if (s != NATS_OK) {
+        s_tail t(s);
+        log_error("NATS: js_PublishAsyncComplete failed for key=%s: %s%s%s", key, t.status.c_str(),
+                  t.sep.c_str(), t.last.c_str());
+        return -1;
+    }
+    char manifest[128];
+    snprintf(manifest, sizeof(manifest), "{\"chunks\":%zu,\"size\":%zu}", n, size);
+    if (ttl_ms > 0) {
+        s = s_js_publish_sync(js, s_subject(QV_KV_SCAN_DATA_BUCKET, key), manifest,
+                              strlen(manifest), ttl_ms);
+    } else {
+        uint64_t rev = 0;
+        s = kvStore_PutString(&rev, kv, key, manifest);
+    }
+    if (s != NATS_OK) {
+        s_tail t(s);
+        log_error("NATS: KV metadata put '%s' failed: %s%s%s", key, t.status.c_str(), t.sep.c_str(),
+                  t.last.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+// A freshly written entry may not yet be visible on the replica that answers: "not found" is
+// retried for up to 500 ms (1, 2, 4, 8, 16, then 25 ms steps).
+natsStatus kv_get_retry(kvStore* kv, const char* key, qv::kv_entry_ptr* out) {
+    int slept = 0;
+    int step = 1;
+    bool logged = false;
+    while (true) {
+        kvEntry* raw = nullptr;
+        natsStatus s = kvStore_Get(&raw, kv, key);
+        out->reset(raw);
+        if (s != NATS_NOT_FOUND || slept >= 500) {
+            return s;
+        }
+        if (!logged) {
+            log_debug("NATS: KV get '%s' not found — retrying for replica catch-up", key);
+            logged = true;
+        }
+        const int sleep_ms = std::min(step, 500 - slept);
+        std::this_thread::sleep_for(std::chrono::milliseconds(sleep_ms));
+        slept += sleep_ms;
+        step = std::min(step * 2, 25);
+    }
+}
+
+// Reads the manifest's "chunks" and "size" (a missing member reads as 0).
+bool s_parse_manifest(const char* text, size_t len, int64_t* chunks, int64_t* size) {
+    qv::json_ptr obj = qv_json_parse(std::string_view(text, len));
+    if (!obj || !json_object_is_type(obj.get(), json_type_object)) {
+        return false;
+    }
+    json_object* member = nullptr;
+    *chunks =
+        json_object_object_get_ex(obj.get(), "chunks", &member) ? json_object_get_int64(member) : 0;
+    *size =
+        json_object_object_get_ex(obj.get(), "size", &member) ? json_object_get_int64(member) : 0;
+    return true;
+}
+
+}  // namespace
+
+bool qv_nats_kv_msg_ttl_unsupported() {
+    return s_kv_msg_ttl_unsupported.load();
+}
+
+kvStore* get_kvstore(qv_nats_config* cfg) {
+    return cfg == nullptr ? nullptr : s_bind(cfg, QV_KV_SCAN_DATA_BUCKET, &cfg->_kv);
+}
+
+kvStore* get_registry_kvstore(qv_nats_config* cfg) {
+    return cfg == nullptr ? nullptr : s_bind(cfg, QV_KV_REGISTRY_BUCKET, &cfg->_kv_registry);
+}
+
+kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
+    if (cfg == nullptr || bucket == nullptr || bucket[0] == '\0') {
+        return nullptr;
+    }
+    if (strcmp(bucket, QV_KV_SCAN_DATA_BUCKET) == 0) {
+        return get_kvstore(cfg);
+    }
+    if (strcmp(bucket, QV_KV_REGISTRY_BUCKET) == 0) {
+        return get_registry_kvstore(cfg);
+    }
+    if (!cfg->_js) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
+    for (size_t i = 0; i < QV_NATS_KV_EXTRA_BUCKETS; ++i) {
+        if (cfg->_kv_extra[i] && cfg->_kv_extra_name[i] == bucket) {
+            return cfg->_kv_extra[i].get();
+        }
+    }
+    kvStore* raw = nullptr;
+    natsStatus s = js_KeyValue(&raw, cfg->_js.get(), bucket);
+    qv::kv_store_ptr kv(raw);
+    if (s != NATS_OK) {
+        log_error(
+            "NATS: KV bucket '%s' not found — qv-av-broker should have created it at "
+            "startup; is the broker running and on the same nats-server?: %s",
+            bucket, natsStatus_GetText(s));
+        return nullptr;
+    }
+    for (size_t i = 0; i < QV_NATS_KV_EXTRA_BUCKETS; ++i) {
+        if (!cfg->_kv_extra[i]) {
+            cfg->_kv_extra[i] = std::move(kv);
+            cfg->_kv_extra_name[i] = bucket;
+            return cfg->_kv_extra[i].get();
+        }
+    }
+    log_warn("NATS: KV handle cache full; binding '%s' uncached (raise QV_NATS_KV_EXTRA_BUCKETS)",
+             bucket);
+    return nullptr;
+}
+
+int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned char* data,
+                        size_t size, int64_t ttl_ms) {
+    if (cfg == nullptr || key == nullptr || (data == nullptr && size > 0)) {
+        return -1;
+    }
+    const size_t n = s_chunk_count(size);
+    if (ttl_ms > 0 && !s_kv_msg_ttl_unsupported.load()) {
+        if (kv_put_chunks_pipelined(cfg, key, data, size, n, ttl_ms) == 0) {
+            log_trace("NATS: KV put: key=%s, size=%zu, chunks=%zu, ttl=%lldms (pipelined)", key,
+                      size, n, static_cast<long long>(ttl_ms));
+            return 0;
+        }
+        log_warn(
+            "NATS: per-message TTL write for key=%s failed; falling back to bucket TTL. "
+            "Ensure the KV stream has AllowMsgTTL.",
+            key);
+        s_kv_msg_ttl_unsupported.store(true);
+    }
+    int rc = kv_put_chunks_pipelined(cfg, key, data, size, n, 0);
+    if (rc == 0) {
+        log_trace("NATS: KV put: key=%s, size=%zu, chunks=%zu (bucket TTL, pipelined)", key, size,
+                  n);
+    }
+    return rc;
+}
+
+int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out) {
+    kvStore* kv = get_kvstore(cfg);
+    if (kv == nullptr || key == nullptr || out == nullptr) {
+        return -1;
+    }
+    qv::kv_entry_ptr entry;
+    natsStatus s = kv_get_retry(kv, key, &entry);
+    if (s != NATS_OK || !entry) {
+        log_error("NATS: KV get metadata '%s' failed after retries: %s", key,
+                  natsStatus_GetText(s));
+        return -1;
+    }
+    int64_t chunks = 0;
+    int64_t size = 0;
+    const int mlen = kvEntry_ValueLen(entry.get());
+    if (!s_parse_manifest(static_cast<const char*>(kvEntry_Value(entry.get())),
+                          mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size) ||
+        size < 0) {
+        log_error("NATS: KV metadata parse failed for '%s'", key);
+        return -1;
+    }
+    std::vector<unsigned char> buffer;
+    try {
+        buffer.assign(static_cast<size_t>(size), 0);
+    } catch (const std::exception&) {
+        log_error("Failed to allocate %s", "chunk buffer");
+        return -1;
+    }
+    size_t filled = 0;
+    for (int64_t i = 0; i < chunks; ++i) {
+        const std::string ckey = s_chunk_key(key, static_cast<size_t>(i));
+        qv::kv_entry_ptr chunk;
+        s = kv_get_retry(kv, ckey.c_str(), &chunk);
+        if (s != NATS_OK || !chunk) {
+            log_error("NATS: KV get chunk '%s' failed after retries: %s", ckey.c_str(),
+                      natsStatus_GetText(s));
+            return -1;
+        }
+        const int clen = kvEntry_ValueLen(chunk.get());
+        if (clen <= 0) {
+            continue;
+        }
+        // A chunk that would run past the manifest's size is skipped, not truncated.
+        if (filled + static_cast<size_t>(clen) <= buffer.size()) {
+            memcpy(buffer.data() + filled, kvEntry_Value(chunk.get()), static_cast<size_t>(clen));
+            filled += static_cast<size_t>(clen);
+        }
+    }
+    *out = std::move(buffer);
+    log_trace("NATS: KV get: key=%s, size=%zu, chunks=%zu", key, out->size(),
+              static_cast<size_t>(chunks));
+    return 0;
+}
+
+void kvstore_delete_chunked(qv_nats_config* cfg, const char* key) {
+    kvStore* kv = get_kvstore(cfg);
+    if (kv == nullptr || key == nullptr) {
+        return;
+    }
+    kvEntry* raw = nullptr;
+    if (kvStore_Get(&raw, kv, key) == NATS_OK) {
+        qv::kv_entry_ptr entry(raw);
+        int64_t chunks = 0;
+        int64_t size = 0;
+        const int mlen = kvEntry_ValueLen(entry.get());
+        if (s_parse_manifest(static_cast<const char*>(kvEntry_Value(entry.get())),
+                             mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size)) {
+            for (int64_t i = 0; i < chunks; ++i) {
+                kvStore_Delete(kv, s_chunk_key(key, static_cast<size_t>(i)).c_str());
+            }
+        }
+    } else {
+        kvEntry_Destroy(raw);
+    }
+    kvStore_Delete(kv, key);
+}
+
+std::string qv_nats_make_scan_key() {
+    struct timespec ts {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    const unsigned long ns = static_cast<unsigned long>(ts.tv_sec) * 1000000000UL +
+                             static_cast<unsigned long>(ts.tv_nsec);
+    char key[128];
+    snprintf(key, sizeof(key), "scan-%lx-%lx-%lx", static_cast<unsigned long>(getpid()),
+             static_cast<unsigned long>(pthread_self()), ns);
+    return key;
+}
+
+int64_t qv_kv_ttl_ms_for(int64_t timeout_ms) {
+    const int64_t ttl = timeout_ms + timeout_ms / 10;
+    return ttl < 1000 ? 1000 : ttl;
+}
+
+int qv_nats_stage_scan_data(qv_nats_config* cfg, const unsigned char* data, size_t data_len,
+                            int64_t timeout_ms, std::string* out_key, std::string* errormsg) {
+    if (cfg == nullptr || data == nullptr || data_len == 0 || out_key == nullptr) {
+        if (errormsg != nullptr) {
+            *errormsg = "NATS: invalid parameters for stage_scan_data";
+        }
+        return -1;
+    }
+    out_key->clear();
+    std::string key = qv_nats_make_scan_key();
+    if (kvstore_put_chunked(cfg, key.c_str(), data, data_len, qv_kv_ttl_ms_for(timeout_ms)) != 0) {
+        if (errormsg != nullptr) {
+            *errormsg = "NATS: failed to stage scan data in KV store";
+        }
+        return -1;
+    }
+    *out_key = std::move(key);
+    return 0;
+}
+
+void qv_nats_unstage_scan_data(qv_nats_config* cfg, const char* key) {
+    if (key != nullptr && key[0] != '\0') {
+        kvstore_delete_chunked(cfg, key);
+    }
+}
+
+int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
+                   std::string* out_value) {
+    if (out_value != nullptr) {
+        out_value->clear();
+    }
+    if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
+        out_value == nullptr) {
+        return -1;
+    }
+    kvStore* kv = get_kvstore_for(cfg, bucket);
+    if (kv == nullptr) {
+        return -1;
+    }
+    kvEntry* raw = nullptr;
+    natsStatus s = kvStore_Get(&raw, kv, key);
+    qv::kv_entry_ptr entry(raw);
+    if (s == NATS_NOT_FOUND) {
+        return 1;
+    }
+    if (s != NATS_OK || !entry) {
+        s_tail t(s);
+        log_error("NATS: KV get '%s' failed: %s%s%s", key, t.status.c_str(), t.sep.c_str(),
+                  t.last.c_str());
+        return -1;
+    }
+    const int len = kvEntry_ValueLen(entry.get());
+    if (len > 0) {
+        out_value->assign(static_cast<const char*>(kvEntry_Value(entry.get())),
+                          static_cast<size_t>(len));
+    }
+    return 0;
+}
+
+int qv_nats_kv_put(qv_nats_config* cfg, const char* bucket, const char* key, const char* value,
+                   int64_t ttl_ms) {
+    if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
+        value == nullptr) {
+        return -1;
+    }
+    kvStore* kv = get_kvstore_for(cfg, bucket);
+    if (kv == nullptr) {
+        return -1;
+    }
+    return kv_put_with_ttl(cfg, bucket, kv, key, value, strlen(value), ttl_ms);
+}
+
+void qv_nats_kv_delete(qv_nats_config* cfg, const char* bucket, const char* key) {
+    if (key == nullptr || key[0] == '\0') {
+        return;
+    }
+    kvStore* kv = get_kvstore_for(cfg, bucket);
+    if (kv != nullptr) {
+        kvStore_Delete(kv, key);
+    }
+}
+
+int qv_nats_kv_snapshot(qv_nats_config* cfg, const char* bucket,
+                        const qv_kv_snapshot_cb& callback) {
+    if (cfg == nullptr || bucket == nullptr || !callback) {
+        return -1;
+    }
+    if (!cfg->_js) {
+        log_error("NATS: KV snapshot on '%s' requested but JetStream is not available", bucket);
+        return -1;
+    }
+    kvStore* raw_kv = nullptr;
+    natsStatus s = js_KeyValue(&raw_kv, cfg->_js.get(), bucket);
+    qv::kv_store_ptr kv(raw_kv);
+    if (s != NATS_OK) {
+        log_error("NATS: KV snapshot bind '%s' failed: %s", bucket, natsStatus_GetText(s));
+        return -1;
+    }
+    kvWatchOptions opts;
+    kvWatchOptions_Init(&opts);
+    opts.IgnoreDeletes = true;
+    kvWatcher* raw_w = nullptr;
+    s = kvStore_Watch(&raw_w, kv.get(), ">", &opts);
+    qv::kv_watcher_ptr watcher(raw_w);
+    if (s != NATS_OK) {
+        log_error("NATS: kvStore_Watch('%s') for snapshot failed: %s", bucket,
+                  natsStatus_GetText(s));
+        return -1;
+    }
+    int rc = 0;
+    while (true) {
+        kvEntry* raw_e = nullptr;
+        s = kvWatcher_Next(&raw_e, watcher.get(), 5000);
+        qv::kv_entry_ptr entry(raw_e);
+        if (s == NATS_TIMEOUT || (s == NATS_OK && !entry)) {
+            break;
+        }
+        if (s != NATS_OK) {
+            log_error("NATS: kvWatcher_Next on '%s' (snapshot) failed: %s", bucket,
+                      natsStatus_GetText(s));
+            rc = -1;
+            break;
+        }
+        const char* key = kvEntry_Key(entry.get());
+        if (kvEntry_Operation(entry.get()) != kvOp_Put || key == nullptr) {
+            continue;
+        }
+        const int len = kvEntry_ValueLen(entry.get());
+        const std::string value(len > 0 ? static_cast<const char*>(kvEntry_Value(entry.get())) : "",
+                                len > 0 ? static_cast<size_t>(len) : 0);
+        callback(key, value.c_str(), value.size());
+    }
+    kvWatcher_Stop(watcher.get());
+    return rc;
+}
+
+int qv_nats_kv_keys(qv_nats_config* cfg, const char* bucket, const char* prefix,
+                    const qv_kv_key_cb& callback) {
+    if (!callback) {
+        return -1;
+    }
+    const size_t plen = prefix != nullptr ? strlen(prefix) : 0;
+    return qv_nats_kv_snapshot(cfg, bucket, [&](const char* key, const char*, size_t) {
+        if (plen == 0 || strncmp(key, prefix, plen) == 0) {
+            callback(key);
+        }
+    });
+}
+
+int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, const char* owner,
+                     int64_t ttl_ms) {
+    if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
+        owner == nullptr || owner[0] == '\0') {
+        return -1;
+    }
+    std::string holder;
+    int found = qv_nats_kv_get(cfg, bucket, key, &holder);
+    if (found < 0) {
+        return -1;
+    }
+    if (found == 1 || holder == owner) {
+        return qv_nats_kv_put(cfg, bucket, key, owner, ttl_ms) == 0 ? 1 : -1;
+    }
+    return 0;
+}
+
+int qv_nats_registry_put(qv_nats_config* cfg, const char* key, const char* value, int64_t ttl_ms) {
+    if (cfg == nullptr || key == nullptr || key[0] == '\0' || value == nullptr) {
+        return -1;
+    }
+    kvStore* kv = get_registry_kvstore(cfg);
+    if (kv == nullptr) {
+        return -1;
+    }
+    if (ttl_ms < 1) {
+        ttl_ms = 15000;
+    }
+    return kv_put_with_ttl(cfg, QV_KV_REGISTRY_BUCKET, kv, key, value, strlen(value), ttl_ms);
+}
+
+void qv_nats_registry_delete(qv_nats_config* cfg, const char* key) {
+    kvStore* kv = get_registry_kvstore(cfg);
+    if (kv != nullptr && key != nullptr) {
+        kvStore_Delete(kv, key);
+    }
+}

@@ -1,0 +1,148 @@
+#include "nats_server.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "qv_handles.h"
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qvtest {
+
+const TestCertificates& test_certificates() {
+    static TempDir dir;
+    static TestCertificates certs = [] {
+        TestCertificates c{dir / "ca.pem", dir / "server.pem", dir / "server-key.pem"};
+        write_file(dir / "san.ext",
+                   "subjectAltName=DNS:localhost,IP:127.0.0.1\n"
+                   "basicConstraints=CA:FALSE\n"
+                   "keyUsage=digitalSignature,keyEncipherment\n"
+                   "extendedKeyUsage=serverAuth,clientAuth\n");
+        const std::string d = dir.path();
+        const std::string cmd =
+            "cd '" + d +
+            "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca-key.pem -out ca.pem "
+            "-days 30 -subj '/CN=qv test CA' >/dev/null 2>&1"
+            " && openssl req -newkey rsa:2048 -nodes -keyout server-key.pem -out server.csr "
+            "-subj '/CN=localhost' >/dev/null 2>&1"
+            " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca-key.pem -CAcreateserial "
+            "-out server.pem -days 30 -extfile san.ext >/dev/null 2>&1";
+        if (system(cmd.c_str()) != 0) {
+            throw std::runtime_error("openssl failed to generate test certificates");
+        }
+        return c;
+    }();
+    return certs;
+}
+
+NatsServer::NatsServer() : NatsServer(Options{}) {}
+
+NatsServer::NatsServer(Options options)
+    : options_(std::move(options)), store_(dir_ / "store"), port_(free_port()) {}
+
+NatsServer::~NatsServer() {
+    stop();
+}
+
+std::string NatsServer::url() const {
+    return (options_.tls ? "tls://localhost:" : "nats://127.0.0.1:") + std::to_string(port_);
+}
+
+bool NatsServer::start() {
+    if (pid_ > 0) {
+        return true;
+    }
+    std::string conf = "listen: 127.0.0.1:" + std::to_string(port_) + "\n";
+    conf += "jetstream {\n  store_dir: \"" + store_ +
+            "\"\n  max_memory_store: 268435456\n"
+            "  max_file_store: 4294967296\n}\n";
+    if (!options_.users.empty()) {
+        conf += "authorization {\n  users = [\n";
+        for (const auto& [user, password] : options_.users) {
+            conf += "    {user: \"" + user + "\", password: \"" + password + "\"}\n";
+        }
+        conf += "  ]\n}\n";
+    }
+    if (options_.tls) {
+        const TestCertificates& certs = test_certificates();
+        conf += "tls {\n  cert_file: \"" + certs.server_cert + "\"\n  key_file: \"" +
+                certs.server_key + "\"\n  timeout: 5\n}\n";
+    }
+    const std::string conf_path = dir_ / "nats.conf";
+    write_file(conf_path, conf);
+    const std::string log_path = dir_ / "nats.log";
+    pid_t pid = fork();
+    if (pid == 0) {
+        execlp("nats-server", "nats-server", "-c", conf_path.c_str(), "-l", log_path.c_str(),
+               static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (pid < 0) {
+        return false;
+    }
+    pid_ = pid;
+    const bool up = wait_until([this] {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return true;
+        }
+        return port_open(port_);
+    });
+    return up && pid_ > 0;
+}
+
+void NatsServer::stop() {
+    if (pid_ <= 0) {
+        return;
+    }
+    kill(pid_, SIGTERM);
+    int status = 0;
+    if (!wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; },
+                    std::chrono::seconds(10))) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+}
+
+int NatsServer::create_buckets(const std::string& user, const std::string& password) {
+    natsOptions* raw_opts = nullptr;
+    if (natsOptions_Create(&raw_opts) != NATS_OK) {
+        return -1;
+    }
+    qv::nats_options_ptr opts(raw_opts);
+    natsOptions_SetURL(opts.get(), url().c_str());
+    if (!user.empty()) {
+        natsOptions_SetUserInfo(opts.get(), user.c_str(), password.c_str());
+    }
+    if (options_.tls) {
+        natsOptions_SetSecure(opts.get(), true);
+        natsOptions_LoadCATrustedCertificates(opts.get(), test_certificates().ca_cert.c_str());
+    }
+    natsConnection* raw_nc = nullptr;
+    natsStatus s = natsConnection_Connect(&raw_nc, opts.get());
+    qv::nats_connection_ptr nc(raw_nc);
+    jsCtx* raw_js = nullptr;
+    if (s != NATS_OK || natsConnection_JetStream(&raw_js, nc.get(), nullptr) != NATS_OK) {
+        return -1;
+    }
+    qv::js_ctx_ptr js(raw_js);
+    int rc = 0;
+    for (const char* bucket : {"qv-av-scan-data", "qv-av-worker-registry", "qv-av-config",
+                               "qv-av-event-subscriptions"}) {
+        kvConfig cfg;
+        kvConfig_Init(&cfg);
+        cfg.Bucket = bucket;
+        cfg.History = 1;
+        kvStore* raw_kv = nullptr;
+        if (js_CreateKeyValue(&raw_kv, js.get(), &cfg) != NATS_OK) {
+            rc = -1;
+        }
+        qv::kv_store_ptr kv(raw_kv);
+    }
+    return rc;
+}
+
+}  // namespace qvtest

@@ -1,0 +1,57 @@
+// A real nats-server with JetStream for tests: started on 127.0.0.1 with a free port and a
+// temporary store, optionally with TLS (a generated CA and server certificate) and a users list.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qv_test_util.h"
+
+namespace qvtest {
+
+// A CA and a server certificate for localhost / 127.0.0.1, generated once per test process.
+struct TestCertificates {
+    std::string ca_cert;
+    std::string server_cert;
+    std::string server_key;
+};
+const TestCertificates& test_certificates();
+
+class NatsServer {
+  public:
+    struct Options {
+        bool tls = false;
+        std::vector<std::pair<std::string, std::string>> users;  // user, password
+    };
+
+    NatsServer();
+    explicit NatsServer(Options options);
+    ~NatsServer();
+    NatsServer(const NatsServer&) = delete;
+    NatsServer& operator=(const NatsServer&) = delete;
+
+    // Starts the server (same port and store on every call) and waits until it accepts clients.
+    bool start();
+    // Stops the server by its pid and waits for it to end.
+    void stop();
+    bool running() const { return pid_ > 0; }
+
+    int port() const { return port_; }
+    // nats://127.0.0.1:port, or tls://localhost:port with TLS.
+    std::string url() const;
+    const std::string& store_dir() const { return store_; }
+
+    // Creates the four buckets of the daemon, as the broker's set-up would. 0 or -1.
+    int create_buckets(const std::string& user = "", const std::string& password = "");
+
+  private:
+    Options options_;
+    TempDir dir_;
+    std::string store_;
+    int port_;
+    int pid_ = -1;
+};
+
+}  // namespace qvtest
