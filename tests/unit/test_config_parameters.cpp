@@ -1,0 +1,317 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <semaphore.h>
+
+#include "log-helper.h"
+#include "log.h"
+#include "qvctrl_read_config_parameters.h"
+#include "qvhlp_path.h"
+#include "qvhlp_url.h"
+#include "qv_test_util.h"
+
+namespace {
+
+// The smallest file that reads through: the main connection and the installed services.
+const std::string kBase =
+    "[GLOBAL]\n"
+    "NATS_URL=nats://localhost:4222\n"
+    "BROKER_CERT=/etc/qv/ca.pem\n"
+    "INSTALLED=qv-av-trellix;qv-av-control\n"
+    "[qv-av-control]\n"
+    "BROKER_PASSWORD=secret\n";
+
+class ConfigParameters : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        saved_level_ = log_get_level();
+        config_ = qvctrl_config_new();
+    }
+
+    void TearDown() override {
+        for (const std::string& name : env_) {
+            unsetenv(name.c_str());
+        }
+        for (const std::string& path : traces_) {
+            sem_unlink(("qv_log_" + std::string(qvhlp_FlattenPath(path.c_str()))).c_str());
+        }
+        QVOpenTraceFile(nullptr, 0, 0);
+        log_set_screentrace(0);
+        log_set_level(saved_level_);
+    }
+
+    void set_env(const std::string& name, const std::string& value) {
+        setenv(name.c_str(), value.c_str(), 1);
+        env_.push_back(name);
+    }
+
+    std::string write(const std::string& text) {
+        qvtest::write_file(dir_ / "control.ini", text);
+        return dir_ / "control.ini";
+    }
+    std::unique_ptr<ini_t> load(const std::string& text) { return ini_load(write(text).c_str()); }
+    int read(const std::string& text) {
+        return qvctrl_ReadConfigParameters(write(text).c_str(), config_.get(), 0);
+    }
+
+    // Sends every log line of the test to a trace file; log_text() reads it back.
+    void capture_log() {
+        trace_path_ = dir_ / "capture.trc";
+        traces_.push_back(trace_path_);
+        ASSERT_EQ(QVOpenTraceFile(trace_path_.c_str(), QVLOG_TRACE, 0), 0);
+    }
+    std::string log_text() const {
+        return qvtest::file_exists(trace_path_) ? qvtest::read_file(trace_path_) : "";
+    }
+
+    qvtest::TempDir dir_;
+    std::unique_ptr<quorvale_control_config_t> config_;
+    std::vector<std::string> env_;
+    std::vector<std::string> traces_;
+    std::string trace_path_;
+    int saved_level_ = 0;
+};
+
+}  // namespace
+
+TEST_F(ConfigParameters, MinimalFileGivesTheDefaultsOfARead) {
+    ASSERT_EQ(read(kBase), 0);
+    const quorvale_control_config_t& c = *config_;
+    EXPECT_TRUE(c.worker_registry_enabled);
+    EXPECT_TRUE(c.event_subscription_kv_enabled);
+    EXPECT_EQ(c.worker_registry_ttl_ms, 15000);
+    EXPECT_EQ(c.worker_registry_sync_interval_ms, 5000);
+    EXPECT_EQ(c.event_subscription_ttl_ms, 30000);
+    EXPECT_EQ(c.event_subscription_sync_interval_ms, 10000);
+
+    ASSERT_TRUE(c.main_nats_config);
+    EXPECT_EQ(c.main_nats_config->server_url, "nats://localhost:4222");
+    EXPECT_EQ(c.main_nats_config->user, "control@local");
+    EXPECT_FALSE(c.backend_amqp_config);
+
+    ASSERT_EQ(c.controlled_services.size(), 2u);
+    EXPECT_EQ(c.controlled_services.front().servicename, "qv-av-trellix");
+    EXPECT_EQ(c.controlled_services.back().servicename, "qv-av-control");
+}
+
+TEST_F(ConfigParameters, NumbersBooleansAndWords) {
+    capture_log();
+    ASSERT_EQ(read(kBase + "MAX_LOG_SIZE_MB=5000000000\n"
+                           "JSON_LOG=2\n"
+                           "CLUSTER_NAME=east west\n"
+                           "SHUTDOWN_DELAY=7\n"
+                           "WORKER_TIMEOUT=abc\n"
+                           "UPDATE_ENGINE=2\n"
+                           "UPDATE_DATA=1\n"
+                           "[GLOBAL]\n"
+                           "CLOUD_MODE=2\n"
+                           "CONFIG_POLL_INTERVAL=30\n"),
+              0);
+    const quorvale_control_config_t& c = *config_;
+    EXPECT_FALSE(c.cloud_mode);  // only exactly 1 switches it on
+    EXPECT_TRUE(c.log->log_as_json);
+    EXPECT_EQ(c.log->max_logfile_size_MB, 5000000000L);
+    EXPECT_EQ(c.log->cluster_name, "east");
+    EXPECT_EQ(c.shutdown_delay, 7);
+    // A number that does not scan repeats the last one that did.
+    EXPECT_EQ(c.worker_timeout, 7);
+    EXPECT_FALSE(c.update_config->update_engine);
+    EXPECT_TRUE(c.update_config->update_data);
+    // A poll interval under a minute is reported, not corrected.
+    EXPECT_EQ(c.config_poll_interval, 30u);
+    EXPECT_NE(log_text().find("CONFIG_POLL_INTERVAL: 30. Adjunsting to 60s."), std::string::npos);
+}
+
+TEST_F(ConfigParameters, PeriodsAreBounded) {
+    struct Case {
+        std::string lines;
+        int32_t ttl, sync, event_ttl, event_sync;
+    };
+    const Case cases[] = {
+        {"WORKER_REGISTRY_TTL=1\n", 2000, 1000, 30000, 10000},
+        {"WORKER_REGISTRY_SYNC_INTERVAL=10\n", 15000, 7500, 30000, 10000},
+        {"WORKER_REGISTRY_TTL=0\nWORKER_REGISTRY_SYNC_INTERVAL=-3\n", 15000, 5000, 30000, 10000},
+        {"WORKER_REGISTRY_TTL=60\nWORKER_REGISTRY_SYNC_INTERVAL=20\n", 60000, 20000, 30000, 10000},
+        {"EVENT_SUBSCRIPTION_TTL=2\n", 15000, 5000, 5000, 2500},
+        {"EVENT_SUBSCRIPTION_SYNC_INTERVAL=1\n", 15000, 5000, 30000, 1000},
+    };
+    for (const Case& k : cases) {
+        config_ = qvctrl_config_new();
+        ASSERT_EQ(read(kBase + k.lines), 0) << k.lines;
+        EXPECT_EQ(config_->worker_registry_ttl_ms, k.ttl) << k.lines;
+        EXPECT_EQ(config_->worker_registry_sync_interval_ms, k.sync) << k.lines;
+        EXPECT_EQ(config_->event_subscription_ttl_ms, k.event_ttl) << k.lines;
+        EXPECT_EQ(config_->event_subscription_sync_interval_ms, k.event_sync) << k.lines;
+    }
+}
+
+TEST_F(ConfigParameters, EnvironmentWinsAndABadNumberStopsTheReading) {
+    set_env("QV_SHUTDOWN_DELAY", "3 seconds");
+    set_env("QV_APIGW_URL", "https://gw.example/api with blanks");
+    set_env("QV_WORKER_REGISTRY_TTL", "99999999999999999999");
+    capture_log();
+    EXPECT_EQ(read(kBase + "SHUTDOWN_DELAY=7\nEPOLOG-WORKER-THREADS=4\n"), -1);
+    EXPECT_EQ(config_->shutdown_delay, 3);
+    EXPECT_EQ(config_->apigw_url, "https://gw.example/api with blanks");
+    EXPECT_EQ(config_->number_of_epolog_threads, 0);  // after the failing key: never read
+    EXPECT_TRUE(config_->controlled_services.empty());
+    EXPECT_NE(log_text().find("Error 34 converting env variable WORKER_REGISTRY_TTL"),
+              std::string::npos);
+}
+
+TEST_F(ConfigParameters, InstalledServicesAreMandatory) {
+    capture_log();
+    EXPECT_EQ(read("[GLOBAL]\nNATS_URL=nats://localhost:4222\nBROKER_CERT=/c\n"
+                   "[qv-av-control]\nBROKER_PASSWORD=p\nSHUTDOWN_DELAY=9\n"),
+              -1);
+    EXPECT_EQ(config_->shutdown_delay, 9);
+    EXPECT_NE(log_text().find("Mandatory INSTALLED config value from section [GLOBAL] missing"),
+              std::string::npos);
+}
+
+TEST_F(ConfigParameters, CloudManagementDerivesBrokerFilesFromTheBaseDirectory) {
+    const std::string cloud = kBase + "[GLOBAL]\nCLOUD_MANAGEMENT=1\n";
+    capture_log();
+    EXPECT_EQ(read(cloud), -1);
+    EXPECT_TRUE(config_->controlled_services.empty());
+    EXPECT_NE(log_text().find("BROKER_AUTH_FILE/BROKER_PID_FILE could not be derived"),
+              std::string::npos);
+
+    config_ = qvctrl_config_new();
+    config_->basedir = "/opt/qv";
+    ASSERT_EQ(read(kBase + "BROKER_PID_FILE=/run/broker.pid\n[GLOBAL]\nCLOUD_MANAGEMENT=1\n"), 0);
+    EXPECT_TRUE(config_->cloud_management);
+    EXPECT_EQ(config_->broker_auth_file, "/opt/qv/config/qv-av-broker.auth");
+    EXPECT_EQ(config_->broker_pid_file, "/run/broker.pid");
+}
+
+TEST_F(ConfigParameters, PathsAreExpandedBeforeTheyAreStored) {
+    set_env("QVTEST_BASE", "/srv/qv");
+    ASSERT_EQ(read(kBase + "TEMP_PATH=${QVTEST_BASE}/tmp\n"), 0);
+    EXPECT_EQ(config_->temppath, "/srv/qv/tmp");
+
+    config_ = qvctrl_config_new();
+    EXPECT_EQ(read(kBase + "TEMP_PATH=${QVTEST_BASE/tmp\n"), -1);
+    EXPECT_TRUE(config_->controlled_services.empty());
+}
+
+TEST_F(ConfigParameters, TraceFileOpensWhileReadingOnlyWithATraceLevel) {
+    const std::string trace = dir_ / "own.trc";
+    traces_.push_back(trace);
+    ASSERT_EQ(read(kBase + "TRACELEVEL=0\nTRACEFILE=" + trace + "\n"), 0);
+    EXPECT_EQ(config_->tracefile, "");
+    EXPECT_FALSE(qvtest::file_exists(trace));
+
+    config_ = qvctrl_config_new();
+    ASSERT_EQ(read(kBase + "TRACELEVEL=5\nTRACEFILE=" + trace + "\nSHUTDOWN_DELAY=4\n"), 0);
+    EXPECT_EQ(config_->tracefile, trace);
+    EXPECT_EQ(log_get_level(), 5);
+    EXPECT_NE(qvtest::read_file(trace).find("Got SHUTDOWN_DELAY from config file. Value=[4]"),
+              std::string::npos);
+}
+
+TEST_F(ConfigParameters, UnreadableFileOrRecord) {
+    EXPECT_EQ(qvctrl_ReadConfigParameters((dir_ / "missing.ini").c_str(), config_.get(), 0), -1);
+    EXPECT_FALSE(config_->main_nats_config);
+    EXPECT_EQ(qvctrl_ReadConfigParameters((dir_ / "missing.ini").c_str(), nullptr, 0), -1);
+}
+
+TEST_F(ConfigParameters, BackendConnectionFromPrefixedKeys) {
+    ASSERT_EQ(read(kBase + "BACKEND_BROKER_USER=backend\n"
+                           "BACKEND_BROKER_PASSWORD=pw\n"
+                           "[GLOBAL]\n"
+                           "BACKEND_BROKER_URL=amqps://backend.example:5671/queue\n"
+                           "BACKEND_BROKER_CERT=/etc/qv/backend.pem\n"),
+              0);
+    ASSERT_TRUE(config_->backend_amqp_config);
+    const qv_nats_config& b = *config_->backend_amqp_config;
+    EXPECT_EQ(b.broker_host, "backend.example");
+    EXPECT_EQ(b.broker_port, "5671");
+    EXPECT_EQ(b.broker_user, "backend");
+    EXPECT_EQ(b.broker_password, "pw");
+    EXPECT_EQ(b.cert_path, "/etc/qv/backend.pem");
+
+    // Mandatory checking rejects a missing or empty key.
+    auto ini = load(
+        "[GLOBAL]\nBROKER_URL=amqp://h\nBROKER_CERT=/c\nBROKER_NAME=n\n"
+        "[s]\nBROKER_USER=\"\\t\"\nBROKER_PASSWORD=p\n");
+    std::unique_ptr<qv_nats_config> slot;
+    EXPECT_EQ(qvctrl_ReadAmqpConfigParameters("s", "", ini.get(), true, slot), -1);
+    EXPECT_EQ(qvctrl_ReadAmqpConfigParameters("s", "", ini.get(), false, slot), 0);
+}
+
+TEST_F(ConfigParameters, NatsServerUrlAndUser) {
+    struct Case {
+        std::string global, section;
+        bool default_local;
+        std::string url, user, broker_name;
+    };
+    const Case cases[] = {
+        {"BROKER_URL=tls://broker.example:4443\n", "", true, "tls://broker.example:4443",
+         "control@local", "local"},
+        {"BROKER_URL=localhost:4222\nBROKER_NAME=edge\n", "", true, "nats://localhost:4222",
+         "control@edge", "edge"},
+        {"NATS_URL=nats://n:1\nBROKER_URL=ignored:9\n", "BROKER_USER=alice\n", false, "nats://n:1",
+         "alice", ""},
+        {"NATS_URL=nats://n:1\n", "", false, "nats://n:1", "control@local", ""},
+    };
+    for (const Case& k : cases) {
+        auto ini = load("[GLOBAL]\nBROKER_CERT=/c\n" + k.global +
+                        "[qv-av-control]\nBROKER_PASSWORD=p\n" + k.section);
+        std::unique_ptr<qv_nats_config> slot;
+        ASSERT_EQ(qvctrl_ReadNatsConfigParameters("qv-av-control", "", ini.get(), true,
+                                                  k.default_local, slot),
+                  0)
+            << k.global;
+        EXPECT_EQ(slot->server_url, k.url) << k.global;
+        EXPECT_EQ(slot->user, k.user) << k.global;
+        EXPECT_EQ(slot->broker_name, k.broker_name) << k.global;
+    }
+}
+
+TEST_F(ConfigParameters, NatsReaderFailures) {
+    capture_log();
+    std::unique_ptr<qv_nats_config> slot;
+    auto no_url = load("[GLOBAL]\nBROKER_CERT=/c\n[qv-av-control]\nBROKER_PASSWORD=p\n");
+    EXPECT_EQ(qvctrl_ReadNatsConfigParameters("qv-av-control", "", no_url.get(), true, true, slot),
+              -1);
+    EXPECT_FALSE(slot);
+    EXPECT_NE(log_text().find("Mandatory BROKER_URL config value from section [GLOBAL] missing"),
+              std::string::npos);
+
+    // The certificate is required even when nothing is mandatory; the URL read before stays.
+    auto no_cert = load("[GLOBAL]\nNATS_URL=nats://n:1\n[qv-av-control]\nBROKER_PASSWORD=p\n");
+    EXPECT_EQ(
+        qvctrl_ReadNatsConfigParameters("qv-av-control", "", no_cert.get(), false, true, slot), -1);
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(slot->server_url, "nats://n:1");
+}
+
+TEST(SplitUrl, Parts) {
+    struct Case {
+        const char *url, *protocol, *site, *port, *path;
+    };
+    const Case cases[] = {
+        {"amqps://broker.example:5671/vhost/q", "amqps", "broker.example", "5671", "/vhost/q"},
+        {"amqp://broker.example", "amqp", "broker.example", "5672", "/"},
+        {"amqp://broker.example/q", "amqp", "broker.example", "5672", "/q"},
+        {"amqp://broker.example:5671", "amqp", "broker.example", "5671", ""},
+        {"amqp://broker.example:x/q", "amqp", "broker.example", "5672", "/q"},
+        {"localhost:4222", "localhost", "localhost", "4222", ""},
+        // The separator is looked for past a scheme's colon, so a short bare host loses its port.
+        {"nats1:4222", "nats1", "nats1", "5672", "/"},
+        {"a", "a", "a", "5672", "/"},
+    };
+    for (const Case& k : cases) {
+        const std::optional<URL_INFO> info = qvhlp_split_url(k.url);
+        ASSERT_TRUE(info) << k.url;
+        EXPECT_EQ(info->protocol, k.protocol) << k.url;
+        EXPECT_EQ(info->site, k.site) << k.url;
+        EXPECT_EQ(info->port, k.port) << k.url;
+        EXPECT_EQ(info->path, k.path) << k.url;
+    }
+    EXPECT_FALSE(qvhlp_split_url(nullptr));
+}

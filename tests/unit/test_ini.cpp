@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+#include "ini.h"
+#include "qv_config.h"
+#include "qv_test_util.h"
+
+namespace {
+
+class IniFile : public ::testing::Test {
+  protected:
+    std::unique_ptr<ini_t> load(const std::string& text) {
+        const std::string path = dir_ / "test.ini";
+        qvtest::write_file(path, text);
+        return ini_load(path.c_str());
+    }
+    // The value text, or "<absent>".
+    static std::string get(const ini_t* ini, const char* section, const char* key) {
+        const char* value = ini_get(ini, section, key);
+        return value != nullptr ? value : "<absent>";
+    }
+
+    qvtest::TempDir dir_;
+};
+
+}  // namespace
+
+TEST_F(IniFile, SectionsKeysAndWhiteSpace) {
+    auto ini = load(
+        "TOP=before any header\r\n"
+        "[GLOBAL]\r\n"
+        "  Key = 1 \r\n"
+        "\tmy key\t=  a b  \r\n"
+        "[other] INLINE=2\n"
+        "[unclosed\n"
+        "K=3");
+    ASSERT_TRUE(ini);
+    EXPECT_EQ(get(ini.get(), "", "TOP"), "before any header");
+    EXPECT_EQ(get(ini.get(), "global", "KEY"), "1");
+    EXPECT_EQ(get(ini.get(), "GLOBAL", "My Key"), "a b");
+    EXPECT_EQ(get(ini.get(), "OTHER", "inline"), "2");
+    EXPECT_EQ(get(ini.get(), "unclosed", "K"), "3");
+    EXPECT_EQ(get(ini.get(), nullptr, "K"), "3");
+    EXPECT_EQ(get(ini.get(), "GLOBAL", "TOP"), "<absent>");
+    EXPECT_EQ(get(ini.get(), "GLOBAL", "INLINE"), "<absent>");
+}
+
+TEST_F(IniFile, LinesThatDefineNothingDoNotDisturbTheRest) {
+    auto ini = load(
+        "[s]\n"
+        "; A=commented out\n"
+        "no equals sign here\n"
+        "EMPTY=\n"
+        "BLANK=  \t\r\n"
+        "QUOTED=\"\"\n"
+        "=orphan\n"
+        "AFTER=ok ; not a comment\n"
+        "AFTER=second\n"
+        "BRACKET=[t]\n"
+        "LAST=still s\n");
+    ASSERT_TRUE(ini);
+    for (const char* key : {"A", "EMPTY", "BLANK", "QUOTED", "orphan", "no equals sign here"}) {
+        EXPECT_EQ(get(ini.get(), nullptr, key), "<absent>") << key;
+    }
+    EXPECT_EQ(get(ini.get(), "s", "AFTER"), "ok ; not a comment");
+    // A value that looks like a header does not open a section.
+    EXPECT_EQ(get(ini.get(), "s", "LAST"), "still s");
+    EXPECT_EQ(get(ini.get(), "t", "LAST"), "<absent>");
+}
+
+TEST_F(IniFile, QuotedValues) {
+    auto ini = load(
+        "TAB=\"a\\tb\" trailing words\n"
+        "ESC=\"x\\\"y\\\\z\\n\"\n"
+        "OPEN=\"runs to the line end\n"
+        "CUT=\"ab\\\n"
+        "NEXT=1\n");
+    ASSERT_TRUE(ini);
+    EXPECT_EQ(get(ini.get(), nullptr, "TAB"), "a\tb");
+    EXPECT_EQ(get(ini.get(), nullptr, "ESC"), "x\"y\\z\n");
+    EXPECT_EQ(get(ini.get(), nullptr, "OPEN"), "runs to the line end");
+    EXPECT_EQ(get(ini.get(), nullptr, "CUT"), "ab");
+    EXPECT_EQ(get(ini.get(), nullptr, "NEXT"), "1");
+}
+
+TEST_F(IniFile, LoadFailuresReportTheReason) {
+    errno = 0;
+    EXPECT_FALSE(ini_load((dir_ / "missing.ini").c_str()));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(ini_load(dir_.path().c_str()));
+    EXPECT_EQ(errno, EISDIR);
+    auto empty = load("");
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(ini_get(empty.get(), nullptr, "K"), nullptr);
+}
+
+TEST_F(IniFile, TypedGetters) {
+    auto ini = load(
+        "[GLOBAL]\n"
+        "WORDS=a b\n"
+        "TAB=\"a\\tb\"\n"
+        "SPACE=\"\\t\"\n"
+        "NUM=42abc\n"
+        "BIG=5000000000\n"
+        "BAD=abc\n");
+    ASSERT_TRUE(ini);
+    std::string text;
+    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "WORDS", &text), 1);
+    EXPECT_EQ(text, "a");
+    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "TAB", &text), 1);
+    EXPECT_EQ(text, "a");
+    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "SPACE", &text), 1);
+    EXPECT_EQ(text, "");
+
+    int number = 7;
+    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "MISSING", &number), 0);
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "NUM", &number), 1);
+    EXPECT_EQ(number, 42);
+    // Present but not a number: reported as found, destination unchanged.
+    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "BAD", &number), 1);
+    EXPECT_EQ(number, 42);
+    long big = 0;
+    EXPECT_EQ(GetLongFromConfigFile(ini.get(), "GLOBAL", "BIG", &big), 1);
+    EXPECT_EQ(big, 5000000000L);
+}
