@@ -100,7 +100,8 @@ void log_log(int level, const char* function, const char* file, int line, const 
             static const char lost[] =
                 "quorvale Anti-Virus: Debug-trace semaphore timeout. Trace line was possibly "
                 "lost!\r\n";
-            fwrite(lost, 1, sizeof(lost) - 1, stderr);
+            // The notice is a fixed 84-byte record: the text with its terminating NUL.
+            fwrite(lost, 1, sizeof(lost), stderr);
             return;
         }
         if (L.maxsize_mb != 0) {

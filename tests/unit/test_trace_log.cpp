@@ -1,0 +1,288 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "log-helper.h"
+#include "log.h"
+#include "qv_handles.h"
+#include "qvsemaphore.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The lines of a trace file, each split into its time stamp (to the second) and what follows
+// "] "; a line that does not start with a well-formed stamp comes back whole as the rest.
+std::vector<std::pair<std::string, std::string>> trace_lines(const std::string& path) {
+    std::vector<std::pair<std::string, std::string>> out;
+    std::istringstream in(read_file(path));
+    for (std::string line; std::getline(in, line);) {
+        const size_t close = line.find("] ");
+        struct tm tm {};
+        const char* ms = line.size() > 21 ? strptime(line.c_str() + 1, "%F %T", &tm) : nullptr;
+        const bool stamped = line[0] == '[' && ms != nullptr && *ms == '.' &&
+                             (close == 24 || close == 25) &&
+                             strspn(ms + 1, "0123456789") == close - 21;
+        out.emplace_back(stamped ? std::pair(line.substr(1, 19), line.substr(close + 2))
+                                 : std::pair(std::string(), line));
+    }
+    return out;
+}
+
+// What follows the stamp in a file line logged by a test body on this thread.
+std::string body(const char* level, const std::string& message) {
+    char head[256];
+    snprintf(head, sizeof(head), "%-5s PID: %6d TID: %6lu qvtest:TestBody(): ", level, getpid(),
+             static_cast<unsigned long>(pthread_self()));
+    return head + message;
+}
+
+std::string suffix(int line) {
+    return " (test_trace_log.cpp:" + std::to_string(line) + ")";
+}
+
+std::string semaphore_name_for(std::string path) {
+    std::replace(path.begin(), path.end(), '/', '_');
+    return "qv_log_" + path;
+}
+
+class TraceLog : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char templ[] = "/tmp/qv_trace_XXXXXX";
+        ASSERT_NE(mkdtemp(templ), nullptr);
+        dir_ = templ;
+        saved_progname_ = qv__progname;
+        qv__progname = "qvtest";
+        log_set_quiet(1);  // screen copies only where a test turns them on
+    }
+    void TearDown() override {
+        log_set_level(0);
+        QVOpenTraceFile(nullptr, 0, 0);
+        log_set_screentrace(0);
+        log_set_quiet(0);
+        log_set_maxsize(0);
+        qv__progname = saved_progname_;
+        for (const std::string& name : semaphores_) {
+            sem_unlink(name.c_str());
+        }
+        std::filesystem::remove_all(dir_);
+    }
+    std::string open_trace(const char* name, int level) {
+        const std::string path = dir_ + "/" + name;
+        semaphores_.push_back(semaphore_name_for(path));
+        EXPECT_EQ(QVOpenTraceFile(path.c_str(), level, 0), 0);
+        return path;
+    }
+
+    std::string dir_;
+    const char* saved_progname_ = nullptr;
+    std::vector<std::string> semaphores_;
+};
+
+}  // namespace
+
+TEST_F(TraceLog, LevelDecidesWhichLinesAreWrittenAndWhetherTheyNameTheirSource) {
+    const std::string info = open_trace("info.trc", QVLOG_INFO);
+    const time_t before = time(nullptr);
+    log_info("hello %d", 42);
+    log_debug("filtered");
+    log_error("trouble");
+    const time_t after = time(nullptr);
+    auto lines = trace_lines(info);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].second, body("INFO", "hello 42"));
+    EXPECT_EQ(lines[1].second, body("ERROR", "trouble"));
+    struct tm stamp {};  // the stamp is UTC
+    ASSERT_NE(strptime(lines[0].first.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), nullptr);
+    EXPECT_GE(timegm(&stamp), before);
+    EXPECT_LE(timegm(&stamp), after);
+
+    const std::string trace = open_trace("trace.trc", QVLOG_TRACE);
+    const int line = __LINE__ + 1;
+    log_warn("careful");
+    lines = trace_lines(trace);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].second, body("WARN", "careful") + suffix(line));
+
+    const std::string off = open_trace("off.trc", QVLOG_INFO);
+    log_set_level(QVLOG_OFF);
+    log_fatal("filtered");
+    log_log(QVLOG_OFF, "TestBody", "x.cpp", 1, "level zero");
+    lines = trace_lines(off);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].second, body("OFF", "level zero"));
+}
+
+TEST_F(TraceLog, ScreenLinesAreColouredAndAlwaysNameTheirSource) {
+    log_set_level(QVLOG_INFO);
+    log_set_screentrace(1);
+    testing::internal::CaptureStderr();
+    const int line = __LINE__ + 1;
+    log_error("on screen");
+    const std::string screen = testing::internal::GetCapturedStderr();
+    const std::string tail = "\033[31m" + body("ERROR", "on screen") +
+                             " \033[90m(test_trace_log.cpp:" + std::to_string(line) + ")\033[0m \n";
+    ASSERT_GT(screen.size(), tail.size());
+    EXPECT_EQ(screen.substr(screen.size() - tail.size()), tail);
+}
+
+TEST_F(TraceLog, FileOfExactlyTheLimitIsZippedAndTheLineStartsANewFile) {
+    const std::string path = open_trace("switch.trc", QVLOG_INFO);
+    log_set_maxsize(1);
+    std::ofstream(path) << std::string(999999, 'a');
+    log_info("appended");
+    EXPECT_EQ(read_file(path).substr(0, 999999), std::string(999999, 'a'));
+
+    const std::string full = "start" + std::string(999992, 'b') + "end";
+    std::ofstream(path, std::ios::trunc) << full;
+    log_info("fresh");
+    const auto lines = trace_lines(path);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].second, body("INFO", "fresh"));
+
+    std::vector<std::string> zips;
+    for (const auto& e : std::filesystem::directory_iterator(dir_)) {
+        if (e.path().extension() == ".zip") {
+            zips.push_back(e.path().string());
+        }
+    }
+    ASSERT_EQ(zips.size(), 1u);
+    // <trace path>_<local time>.zip
+    const std::string stamp = zips[0].substr(path.size());
+    struct tm local {};
+    const char* end = strptime(stamp.c_str(), "_%Y-%m-%d__%H-%M-%S", &local);
+    EXPECT_TRUE(stamp.size() == 25 && end != nullptr && std::string(end) == ".zip") << stamp;
+    qv::archive_read_ptr zip(archive_read_new());
+    archive_read_support_format_zip(zip.get());
+    ASSERT_EQ(archive_read_open_filename(zip.get(), zips[0].c_str(), 10240), ARCHIVE_OK);
+    struct archive_entry* entry = nullptr;
+    ASSERT_EQ(archive_read_next_header(zip.get(), &entry), ARCHIVE_OK);
+    EXPECT_EQ(archive_entry_pathname(entry), path);
+    EXPECT_EQ(archive_entry_size(entry), 1000000);
+    std::string data;
+    char buffer[65536];
+    for (la_ssize_t n; (n = archive_read_data(zip.get(), buffer, sizeof(buffer))) > 0;) {
+        data.append(buffer, static_cast<size_t>(n));
+    }
+    EXPECT_TRUE(data == full);
+    EXPECT_EQ(archive_read_next_header(zip.get(), &entry), ARCHIVE_EOF);
+}
+
+TEST_F(TraceLog, WritersOfOnePathShareOneSemaphoreAndGiveUpAfterFiveSeconds) {
+    const std::string a = open_trace("a.trc", QVLOG_INFO);
+    // As another process tracing to the same path would hold it.
+    qv::sem_ptr held(sem_open(semaphore_name_for(a).c_str(), 0));
+    ASSERT_NE(held, nullptr);
+    ASSERT_EQ(sem_trywait(held.get()), 0);
+
+    const std::string b = open_trace("b.trc", QVLOG_INFO);
+    log_info("not blocked");
+    EXPECT_EQ(trace_lines(b).size(), 1u);
+
+    open_trace("a.trc", QVLOG_INFO);
+    testing::internal::CaptureStderr();
+    const auto start = std::chrono::steady_clock::now();
+    log_info("lost");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(4900));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              std::string("quorvale Anti-Virus: Debug-trace semaphore timeout. Trace line was "
+                          "possibly lost!\r\n",
+                          84));
+    EXPECT_EQ(read_file(a), "");
+
+    sem_post(held.get());
+    log_info("kept");
+    EXPECT_EQ(trace_lines(a).size(), 1u);
+    int value = -1;
+    sem_getvalue(held.get(), &value);
+    EXPECT_EQ(value, 1);
+
+    // Closing hands the semaphore back; the file stays the destination, now unlocked.
+    QVCloseTraceFile();
+    sem_getvalue(held.get(), &value);
+    EXPECT_EQ(value, 1);
+    log_info("after close");
+    EXPECT_EQ(trace_lines(a).size(), 2u);
+}
+
+TEST_F(TraceLog, NoTraceConfiguredLeavesNoFileAndNoSemaphore) {
+    const std::string a = open_trace("a.trc", QVLOG_INFO);
+    const std::string b = dir_ + "/b.trc";
+    EXPECT_EQ(QVOpenTraceFile(b.c_str(), 0, 0), 0);
+    EXPECT_EQ(sem_open(semaphore_name_for(b).c_str(), 0), SEM_FAILED);
+    EXPECT_EQ(log_get_filename(), nullptr);
+    EXPECT_EQ(log_get_level(), 0);
+    // The notice went to the trace that was open until then.
+    const auto lines = trace_lines(a);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].second.find("INFO  PID:"), std::string::npos);
+    EXPECT_NE(lines[0].second.find("(): No trace configured"), std::string::npos);
+
+    EXPECT_EQ(QVOpenTraceFile("", QVLOG_INFO, 0), 0);
+    log_set_level(QVLOG_TRACE);
+    log_error("goes nowhere");
+    EXPECT_EQ(trace_lines(a).size(), 1u);
+    EXPECT_FALSE(std::filesystem::exists(b));
+}
+
+namespace {
+void no_op_handler(int) {}
+}  // namespace
+
+TEST(Semaphore, TimedWaitTriesOnceTimesOutAndOutlastsSignals) {
+    const std::string name = "qv_test_sem_" + std::to_string(getpid());
+    sem_unlink(name.c_str());
+    qv::sem_ptr sem(QVsem_open(name.c_str(), O_CREAT | O_EXCL, 0600, 0, 0));
+    ASSERT_NE(sem, nullptr);
+    EXPECT_EQ(QVsem_timedwait(sem.get(), 0), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(QVsem_timedwait(sem.get(), 300), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(290));
+
+    // The 999 ms part nearly always carries the deadline into the next second (an unnormalised
+    // deadline is refused at once), and signals meanwhile must not end the wait.
+    struct sigaction action {};
+    struct sigaction saved {};
+    action.sa_handler = no_op_handler;
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &saved), 0);
+    std::atomic<int> rc{1};
+    std::thread waiter([&] { rc = QVsem_timedwait(sem.get(), 20999); });
+    for (int i = 0; i < 10; ++i) {
+        std::this_thread::sleep_for(milliseconds(20));
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+    }
+    QVsem_post(sem.get());
+    waiter.join();
+    EXPECT_EQ(rc.load(), 0);
+    sigaction(SIGUSR1, &saved, nullptr);
+    sem.reset();
+    EXPECT_EQ(QVsem_unlink(name.c_str()), 0);
+}
