@@ -73,10 +73,15 @@ const char* s_level_color(int level) {
 }  // namespace
 
 void log_log(int level, const char* function, const char* file, int line, const char* format, ...) {
-    if (level > L.level) {
+    // Without a trace file, errors still reach standard error (unless the screen is quiet)
+    // whatever the level: a process that cannot start must be able to say why.
+    const bool no_file = L.filename[0] == '\0';
+    const bool error_fallback =
+        no_file && L.quiet == 0 && level >= QVLOG_FATAL && level <= QVLOG_ERROR;
+    if (level > L.level && !error_fallback) {
         return;
     }
-    if ((L.filename[0] == '\0') && !L.trace_to_screen) {
+    if (no_file && !L.trace_to_screen && !error_fallback) {
         return;
     }
     char stamp[42];

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "qv_handles.h"
+#include "qv_nats_client.h"
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,41 +107,20 @@ void NatsServer::stop() {
     pid_ = -1;
 }
 
-int NatsServer::create_buckets(const std::string& user, const std::string& password) {
-    natsOptions* raw_opts = nullptr;
-    if (natsOptions_Create(&raw_opts) != NATS_OK) {
-        return -1;
-    }
-    qv::nats_options_ptr opts(raw_opts);
-    natsOptions_SetURL(opts.get(), url().c_str());
-    if (!user.empty()) {
-        natsOptions_SetUserInfo(opts.get(), user.c_str(), password.c_str());
-    }
+int NatsServer::create_buckets(const qv_kv_bucket_ages& ages, const std::string& user,
+                               const std::string& password) {
+    auto cfg = qv_nats_config_new();
+    cfg->server_url = url();
+    cfg->user = user;
+    cfg->password = password;
     if (options_.tls) {
-        natsOptions_SetSecure(opts.get(), true);
-        natsOptions_LoadCATrustedCertificates(opts.get(), test_certificates().ca_cert.c_str());
+        cfg->cert_path = test_certificates().ca_cert;
     }
-    natsConnection* raw_nc = nullptr;
-    natsStatus s = natsConnection_Connect(&raw_nc, opts.get());
-    qv::nats_connection_ptr nc(raw_nc);
-    jsCtx* raw_js = nullptr;
-    if (s != NATS_OK || natsConnection_JetStream(&raw_js, nc.get(), nullptr) != NATS_OK) {
+    if (qv_nats_init(cfg.get()) != 0) {
         return -1;
     }
-    qv::js_ctx_ptr js(raw_js);
-    int rc = 0;
-    for (const char* bucket : {"qv-av-scan-data", "qv-av-worker-registry", "qv-av-config",
-                               "qv-av-event-subscriptions"}) {
-        kvConfig cfg;
-        kvConfig_Init(&cfg);
-        cfg.Bucket = bucket;
-        cfg.History = 1;
-        kvStore* raw_kv = nullptr;
-        if (js_CreateKeyValue(&raw_kv, js.get(), &cfg) != NATS_OK) {
-            rc = -1;
-        }
-        qv::kv_store_ptr kv(raw_kv);
-    }
+    int rc = qv_kv_setup_buckets(cfg.get(), ages, nullptr);
+    qv_nats_deinit(cfg.get());
     return rc;
 }
 

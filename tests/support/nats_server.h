@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "qv_kv_setup.h"
 #include "qv_test_util.h"
 
 namespace qvtest {
@@ -44,7 +45,8 @@ class NatsServer {
     const std::string& store_dir() const { return store_; }
 
     // Creates the four buckets of the daemon, as the broker's set-up would. 0 or -1.
-    int create_buckets(const std::string& user = "", const std::string& password = "");
+    int create_buckets(const qv_kv_bucket_ages& ages = {}, const std::string& user = "",
+                       const std::string& password = "");
 
   private:
     Options options_;

@@ -1,0 +1,125 @@
+// qv-av-kv-setup: makes a NATS server ready for qv-av-control by creating its four key-value
+// buckets when they are missing. Safe to run again: existing buckets are left as they are.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <getopt.h>
+
+#include "log.h"
+#include "qv_kv_setup.h"
+#include "qv_nats_client.h"
+
+namespace {
+
+void s_usage(FILE* out) {
+    fprintf(out,
+            "Usage: qv-av-kv-setup [options]\n"
+            "Creates the buckets qv-av-scan-data, qv-av-worker-registry, qv-av-config and\n"
+            "qv-av-event-subscriptions (history 1) when they do not exist.\n\n"
+            "  --url URL             NATS server (env QV_NATS_URL), e.g. tls://localhost:4222\n"
+            "  --user USER           user name (env QV_BROKER_USER)\n"
+            "  --password PASSWORD   password (env QV_BROKER_PASSWORD)\n"
+            "  --ca-file FILE        CA certificate for TLS (env QV_BROKER_CERT)\n"
+            "  --scan-data-age SEC   maximum age of staged scan data (default 900)\n"
+            "  --registry-age SEC    maximum age of worker registrations (default 15)\n"
+            "  --subscriptions-age SEC  maximum age of event subscriptions (default 30)\n"
+            "  --verbose             trace the connection on standard error\n"
+            "  --help                this text\n");
+}
+
+std::string s_env(const char* name) {
+    const char* v = getenv(name);
+    return v != nullptr ? v : "";
+}
+
+bool s_seconds(const char* text, int64_t* out_ms) {
+    char* end = nullptr;
+    long long v = strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || v < 0) {
+        return false;
+    }
+    *out_ms = v * 1000;
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    auto cfg = qv_nats_config_new();
+    cfg->server_url = s_env("QV_NATS_URL");
+    cfg->user = s_env("QV_BROKER_USER");
+    cfg->password = s_env("QV_BROKER_PASSWORD");
+    cfg->cert_path = s_env("QV_BROKER_CERT");
+    qv_kv_bucket_ages ages;
+    bool verbose = false;
+    static const struct option options[] = {
+        {"url", required_argument, nullptr, 'u'},
+        {"user", required_argument, nullptr, 'U'},
+        {"password", required_argument, nullptr, 'p'},
+        {"ca-file", required_argument, nullptr, 'c'},
+        {"scan-data-age", required_argument, nullptr, 's'},
+        {"registry-age", required_argument, nullptr, 'r'},
+        {"subscriptions-age", required_argument, nullptr, 'e'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    while ((c = getopt_long(argc, argv, "", options, nullptr)) != -1) {
+        bool ok = true;
+        switch (c) {
+            case 'u':
+                cfg->server_url = optarg;
+                break;
+            case 'U':
+                cfg->user = optarg;
+                break;
+            case 'p':
+                cfg->password = optarg;
+                break;
+            case 'c':
+                cfg->cert_path = optarg;
+                break;
+            case 's':
+                ok = s_seconds(optarg, &ages.scan_data_ms);
+                break;
+            case 'r':
+                ok = s_seconds(optarg, &ages.worker_registry_ms);
+                break;
+            case 'e':
+                ok = s_seconds(optarg, &ages.event_subscriptions_ms);
+                break;
+            case 'v':
+                verbose = true;
+                break;
+            case 'h':
+                s_usage(stdout);
+                return 0;
+            default:
+                s_usage(stderr);
+                return 2;
+        }
+        if (!ok) {
+            fprintf(stderr, "qv-av-kv-setup: invalid number of seconds: %s\n", optarg);
+            return 2;
+        }
+    }
+    if (cfg->server_url.empty()) {
+        fprintf(stderr, "qv-av-kv-setup: no NATS URL (use --url or QV_NATS_URL)\n");
+        return 2;
+    }
+    log_set_quiet(verbose ? 0 : 1);
+    log_set_screentrace(verbose ? 1 : 0);
+    log_set_level(verbose ? QVLOG_DEBUG : QVLOG_OFF);
+    if (qv_nats_init(cfg.get()) != 0) {
+        fprintf(stderr, "qv-av-kv-setup: cannot connect to %s\n", cfg->server_url.c_str());
+        return 1;
+    }
+    std::string report;
+    const int rc = qv_kv_setup_buckets(cfg.get(), ages, &report);
+    fputs(report.c_str(), rc == 0 ? stdout : stderr);
+    qv_nats_deinit(cfg.get());
+    return rc == 0 ? 0 : 1;
+}
