@@ -26,6 +26,10 @@
 #include "qv_shm-heartbeat.h"
 #include "qv_uuid.h"
 #include "qv_worker_ping_handler.h"
+#include "qv-av-control-epolog.h"
+#include "qv-av-control-event-dispatcher.h"
+#include "qv-av-control-logger.h"
+#include "qvctrl_worker_request_handlers.h"
 #include "qvctrl_PIDlockfile.h"
 #include "qvctrl_config.h"
 #include "qvctrl_parse_commandline.h"
@@ -41,6 +45,9 @@ std::atomic<int> killed{0};
 static_assert(std::atomic<int>::is_always_lock_free, "the stop flag is set from a signal handler");
 // The last signal handled, logged by the main loop (logging is not safe inside the handler).
 std::atomic<int> s_handled_signal{0};
+// Set by SIGTERM and never cleared: the retry of a failed start phase resets `killed`, and a
+// SIGTERM that arrives meanwhile must still end the process.
+std::atomic<int> s_sigterm_seen{0};
 
 // The configuration record: shared by every thread for the life of the process.
 std::unique_ptr<quorvale_control_config_t> s_config;
@@ -60,6 +67,7 @@ struct qv_control_update_thread_params_t {
 
 void sigterm_handler_fn(int signal) {
     killed.store(1);
+    s_sigterm_seen.store(1);
     s_handled_signal.store(signal);
 }
 
@@ -161,8 +169,22 @@ std::string s_format_path(const char* format, const std::string& basedir, const 
 // The thread start phase. 0 when every row and thread started.
 int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread) {
     (void)update_thread;
+    const bool json_logs = config->log->log_as_json;
     const service_row rows[] = {
+        {!config->log->external_logger, "qv-av-log",
+         json_logs ? "qv-av-json-logger" : "qv-av-logger", config->number_of_logger_threads,
+         json_logs ? qv_av_control_json_logger_request_handler
+                   : qv_av_control_logger_request_handler},
+        {true, "qv-av-events-dispatch", "event dispatcher",
+         config->number_of_event_dispatcher_threads, qv_av_control_event_request_handler},
+        {true, "qv-av-worker-control", "qv-av-control (service-side)",
+         config->number_of_service_side_worker_threads,
+         qv_av_control_worker_service_request_handler},
+        {true, "qv-av-control", "qv-av-control (client-side)",
+         config->number_of_client_side_worker_threads, qv_av_control_worker_client_request_handler},
         {true, "qv-av-control.ping", "qv-av-control (ping)", 1, qv_worker_ping_request_handler},
+        {!config->external_epolog_service, "qv-av-epolog", "epolog service",
+         config->number_of_epolog_threads, qv_av_control_epolog_request_handler},
     };
     for (const service_row& row : rows) {
         if (!row.enabled) {
@@ -372,14 +394,22 @@ int s_run(int argc, char** argv) {
                 }
             }
         }
-        if (killed.load() != 0) {
+        if (killed.load() != 0 || s_sigterm_seen.load() != 0) {
             startup_loop_enabled = false;
         }
         s_sleep_seconds(config->shutdown_delay, false);
         config->endthreads.store(1);
         killed.store(1);
         s_join_worker_threads(update_thread_started ? &update_thread : nullptr, 1, "update");
-        if (startup_loop_enabled) {
+        if (startup_loop_enabled && s_sigterm_seen.load() == 0) {
+            // The handler threads of the failed phase end on the stop flag; let them go before
+            // it is lowered again, or every retry would leave a pool behind.
+            qv_nats_config* nats = config->main_nats_config.get();
+            for (int waited = 0;
+                 nats != nullptr && nats->_handler_threads.load() > 0 && waited < 2000;
+                 waited += 10) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
             killed.store(0);
             continue;
         }

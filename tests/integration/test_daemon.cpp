@@ -236,3 +236,44 @@ TEST(Daemon, KeepsServingAcrossANatsRestart) {
     EXPECT_TRUE(qvtest::wait_until([&] { return client.ping() == 0; }));
     EXPECT_EQ(d.stop(), 0);
 }
+
+TEST(Daemon, FailedStartPhaseIsRetriedUntilSigterm) {
+    NatsServer server(secured());
+    ASSERT_TRUE(server.start());
+    DaemonProcess d;
+    d.use_nats(server.url(), kUser, kPassword);
+    // No EPO log handler threads (the default) cannot be started: the phase fails every time.
+    d.control_keys.erase("EPOLOG-WORKER-THREADS");
+    d.control_keys["SHUTDOWN_DELAY"] = "1";
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    const std::string failure = "Failed to create epolog service (qv-av-epolog) service handler "
+                                "threads";
+    // Counted in the trace file only (the console copy repeats every line).
+    auto count = [&] {
+        const std::string logs = qvtest::read_file(d.trace_path());
+        size_t n = 0;
+        for (size_t at = logs.find(failure); at != std::string::npos;
+             at = logs.find(failure, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    ASSERT_TRUE(qvtest::wait_until([&] { return count() >= 3; }, std::chrono::seconds(60)))
+        << d.logs();
+    EXPECT_EQ(d.logs().find("Entering main loop"), std::string::npos);
+    // Each retry ends the pools of the failed phase before starting new ones: at most one
+    // phase's threads (5 + 5 + 10 + 10 + 1) run at any time.
+    const std::string logs = qvtest::read_file(d.trace_path());
+    size_t started = 0, exited = 0;
+    for (size_t at = logs.find("NATS: handler thread started"); at != std::string::npos;
+         at = logs.find("NATS: handler thread started", at + 1)) {
+        ++started;
+    }
+    for (size_t at = logs.find("NATS: handler thread exiting"); at != std::string::npos;
+         at = logs.find("NATS: handler thread exiting", at + 1)) {
+        ++exited;
+    }
+    EXPECT_LE(started - exited, 31u);
+    EXPECT_EQ(d.stop(), 255);
+}
