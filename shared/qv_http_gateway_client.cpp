@@ -151,8 +151,8 @@ int s_gateway_request(const char* gateway_url, const char* user, const char* pas
         qv_gateway_opts_defaults(&defaults);
         opts = &defaults;
     }
-    const std::string_view servlet_path =
-        opts->servlet_path.empty() ? kDefaultServletPath : opts->servlet_path;
+    const std::string servlet_path =
+        opts->servlet_path.empty() ? std::string(kDefaultServletPath) : opts->servlet_path;
     target_service = s_or_empty(target_service);
     request_json = s_or_empty(request_json);
     if (body == nullptr) {
