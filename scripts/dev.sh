@@ -13,10 +13,15 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 deps() { "$repo/scripts/install-deps.sh"; }
 
-build() {  # build <dir> [cmake args...]
+build() {  # build <dir> [cmake args...]; QV_TARGETS limits what is built
   local dir=$1; shift
   cmake -S "$repo" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j"$jobs"
+  if [ -n "${QV_TARGETS:-}" ]; then
+    # shellcheck disable=SC2086
+    cmake --build "$dir" -j"$jobs" --target $QV_TARGETS
+  else
+    cmake --build "$dir" -j"$jobs"
+  fi
 }
 
 cmd_build() {
@@ -42,7 +47,7 @@ cmd_test() {
 
 cmd_run() {
   deps
-  build "$repo/build"
+  QV_TARGETS="qv-av-control qv-av-kv-setup qv-av-request" build "$repo/build"
   local run=${QV_RUN_DIR:-$repo/.run}
   local port=${QV_NATS_PORT:-4222}
   mkdir -p "$run/certs" "$run/nats-store"
@@ -93,8 +98,11 @@ CONF
   setsid "$repo/build/bin/qv-av-control" --console-mode --basedir "$run/basedir" \
     --config-file "$run/qv-av-control.ini" &
   local daemon_pid=$!
+  local stopped=0
   stop_all() {
     trap - INT TERM
+    [ "$stopped" -eq 0 ] || return 0
+    stopped=1
     echo "== stopping qv-av-control"
     kill -TERM "$daemon_pid" 2>/dev/null || true
     wait "$daemon_pid" 2>/dev/null || true
@@ -105,6 +113,8 @@ CONF
   trap stop_all INT TERM
   local rc=0
   wait "$daemon_pid" || rc=$?
+  # Stopped by Ctrl-C: the interrupted wait's status says nothing about the daemon.
+  [ "$stopped" -eq 0 ] || rc=0
   stop_all
   return "$rc"
 }
