@@ -8,6 +8,7 @@
 #include <getopt.h>
 
 #include "log.h"
+#include "qv_tool_connection.h"
 #include "qv_kv_setup.h"
 #include "qv_nats_client.h"
 
@@ -29,11 +30,6 @@ void s_usage(FILE* out) {
             "  --help                this text\n");
 }
 
-std::string s_env(const char* name) {
-    const char* v = getenv(name);
-    return v != nullptr ? v : "";
-}
-
 bool s_seconds(const char* text, int64_t* out_ms) {
     char* end = nullptr;
     long long v = strtoll(text, &end, 10);
@@ -48,40 +44,24 @@ bool s_seconds(const char* text, int64_t* out_ms) {
 
 int main(int argc, char** argv) {
     auto cfg = qv_nats_config_new();
-    cfg->server_url = s_env("QV_NATS_URL");
-    cfg->user = s_env("QV_BROKER_USER");
-    cfg->password = s_env("QV_BROKER_PASSWORD");
-    cfg->cert_path = s_env("QV_BROKER_CERT");
+    qv_tool_connection_from_env(cfg.get());
     qv_kv_bucket_ages ages;
     bool verbose = false;
     static const struct option options[] = {
-        {"url", required_argument, nullptr, 'u'},
-        {"user", required_argument, nullptr, 'U'},
-        {"password", required_argument, nullptr, 'p'},
-        {"ca-file", required_argument, nullptr, 'c'},
+        QV_TOOL_CONNECTION_OPTIONS,
         {"scan-data-age", required_argument, nullptr, 's'},
         {"registry-age", required_argument, nullptr, 'r'},
         {"subscriptions-age", required_argument, nullptr, 'e'},
-        {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
     while ((c = getopt_long(argc, argv, "", options, nullptr)) != -1) {
         bool ok = true;
+        if (qv_tool_connection_option(c, optarg, cfg.get(), &verbose)) {
+            continue;
+        }
         switch (c) {
-            case 'u':
-                cfg->server_url = optarg;
-                break;
-            case 'U':
-                cfg->user = optarg;
-                break;
-            case 'p':
-                cfg->password = optarg;
-                break;
-            case 'c':
-                cfg->cert_path = optarg;
-                break;
             case 's':
                 ok = s_seconds(optarg, &ages.scan_data_ms);
                 break;
@@ -90,9 +70,6 @@ int main(int argc, char** argv) {
                 break;
             case 'e':
                 ok = s_seconds(optarg, &ages.event_subscriptions_ms);
-                break;
-            case 'v':
-                verbose = true;
                 break;
             case 'h':
                 s_usage(stdout);
@@ -110,9 +87,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "qv-av-kv-setup: no NATS URL (use --url or QV_NATS_URL)\n");
         return 2;
     }
-    log_set_quiet(verbose ? 0 : 1);
-    log_set_screentrace(verbose ? 1 : 0);
-    log_set_level(verbose ? QVLOG_DEBUG : QVLOG_OFF);
+    qv_tool_logging(verbose, QVLOG_DEBUG);
     if (qv_nats_init(cfg.get()) != 0) {
         fprintf(stderr, "qv-av-kv-setup: cannot connect to %s\n", cfg->server_url.c_str());
         return 1;

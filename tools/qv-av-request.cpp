@@ -9,6 +9,7 @@
 #include <getopt.h>
 
 #include "log.h"
+#include "qv_tool_connection.h"
 #include "qv_connection_client.h"
 #include "qv_json.h"
 
@@ -35,51 +36,30 @@ void s_usage(FILE* out) {
         "           qv-av-control.ping '{\"Command\": 3}'\n");
 }
 
-std::string s_env(const char* name) {
-    const char* v = getenv(name);
-    return v != nullptr ? v : "";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     auto cfg = qv_connection_config_new();
-    cfg->server_url = s_env("QV_NATS_URL");
-    cfg->user = s_env("QV_BROKER_USER");
-    cfg->password = s_env("QV_BROKER_PASSWORD");
-    cfg->cert_path = s_env("QV_BROKER_CERT");
+    qv_tool_connection_from_env(cfg.get());
     std::string payload_file;
     long timeout_ms = 5000;
     int retries = 0;
     bool verbose = false;
     static const struct option options[] = {
-        {"url", required_argument, nullptr, 'u'},
-        {"user", required_argument, nullptr, 'U'},
-        {"password", required_argument, nullptr, 'p'},
-        {"ca-file", required_argument, nullptr, 'c'},
+        QV_TOOL_CONNECTION_OPTIONS,
         {"payload", required_argument, nullptr, 'f'},
         {"timeout", required_argument, nullptr, 't'},
         {"retries", required_argument, nullptr, 'r'},
         {"proxy", required_argument, nullptr, 'x'},
-        {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
     while ((c = getopt_long(argc, argv, "", options, nullptr)) != -1) {
+        if (qv_tool_connection_option(c, optarg, cfg.get(), &verbose)) {
+            continue;
+        }
         switch (c) {
-            case 'u':
-                cfg->server_url = optarg;
-                break;
-            case 'U':
-                cfg->user = optarg;
-                break;
-            case 'p':
-                cfg->password = optarg;
-                break;
-            case 'c':
-                cfg->cert_path = optarg;
-                break;
             case 'f':
                 payload_file = optarg;
                 break;
@@ -96,9 +76,6 @@ int main(int argc, char** argv) {
                 cfg->http_proxy_port = colon == std::string::npos ? "" : proxy.substr(colon + 1);
                 break;
             }
-            case 'v':
-                verbose = true;
-                break;
             case 'h':
                 s_usage(stdout);
                 return 0;
@@ -121,9 +98,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "qv-av-request: invalid time-out\n");
         return 2;
     }
-    log_set_quiet(verbose ? 0 : 1);
-    log_set_screentrace(verbose ? 1 : 0);
-    log_set_level(verbose ? QVLOG_TRACE : QVLOG_OFF);
+    qv_tool_logging(verbose, QVLOG_TRACE);
 
     qv_message_t req;
     req.json_txt = request;
