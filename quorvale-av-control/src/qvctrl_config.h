@@ -4,12 +4,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "qv_nats_config.h"
+#include "qvhlp_list.h"
 
 enum qv_thread_status {
     CREATING = 0,
@@ -58,6 +60,23 @@ struct qv_network_config_t {
     std::string http_proxy;
 };
 
+// A running worker as projected from its registry entry. The names and the secret are set when
+// the node is created and never change; the other fields are refreshed by later registrations
+// under listmutex.
+struct qv_active_worker_t {
+    std::string servicename;
+    std::string controlservicename;  // the worker-name: registry key and the worker's own subject
+    std::string secret;
+    int32_t IsPrimary = 0;
+    time_t last_seen = 0;
+    std::string driver_name;  // empty when the worker reported none
+    int32_t major_version = 0;
+    int32_t minor_version = 0;
+    int64_t known_viruses = 0;
+    int64_t known_variants = 0;
+    time_t pattern_timestamp = 0;
+};
+
 // An installed service named by the INSTALLED key.
 struct qv_installed_service_t {
     std::string servicename;
@@ -76,6 +95,9 @@ struct quorvale_control_config_t {
     int32_t max_clients = 1000;
     bool run_as_daemon = true;
     std::list<qv_installed_service_t> controlled_services;
+    // Workers projected from the registry bucket; guarded by listmutex (the cache flush walks it
+    // with the list's own iterator alone).
+    qvhlp_list<qv_active_worker_t> running_services;
     int tracelevel = -1;
     std::string tracefile;
     size_t tracefile_max_size = 50;

@@ -32,7 +32,9 @@
 #include "qvctrl_worker_request_handlers.h"
 #include "qvctrl_PIDlockfile.h"
 #include "qvctrl_config.h"
+#include "qvctrl_flush_worker_caches.h"
 #include "qvctrl_parse_commandline.h"
+#include "qvctrl_registry_poller.h"
 #include "qvhlp_network.h"
 #include "qvhlp_path.h"
 #include "qvsemaphore.h"
@@ -54,6 +56,14 @@ std::unique_ptr<quorvale_control_config_t> s_config;
 
 // Descriptor of the instance lock file; held (and locked) until the process ends.
 qv::unique_fd fd_lockfile;
+
+// The worker-registry watcher of the current start phase.
+qv_thread_t s_registry_watcher;
+
+// Modification times of the on-premises configuration directories, as last seen; a change makes
+// the main loop flush the workers of that configuration kind.
+time_t s_mime_dir_modification_time = 0;
+time_t s_activecontent_dir_modification_time = 0;
 
 constexpr const char* s_component = "qv-av-control";
 
@@ -166,6 +176,13 @@ std::string s_format_path(const char* format, const std::string& basedir, const 
     return path;
 }
 
+// A configuration directory under the base directory: <basedir>/config/<kind>.
+std::string s_config_dir(const std::string& basedir, const char* kind) {
+    char path[4096];
+    snprintf(path, sizeof(path), "%s%cconfig%c%s", basedir.c_str(), '/', '/', kind);
+    return path;
+}
+
 // The thread start phase. 0 when every row and thread started.
 int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread) {
     (void)update_thread;
@@ -195,6 +212,16 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
             return -1;
         }
     }
+    if (config->worker_registry_enabled) {
+        log_info("Starting worker-registry watcher thread");
+        const registry_watcher_params_t params{config, &killed};
+        s_registry_watcher = qv_thread_t();
+        if (QV_CreateThread(&s_registry_watcher,
+                            [params] { qvctrl_registry_poller_thread(params); }) != 0) {
+            log_error("Failed to create worker-registry watcher thread");
+            return -1;
+        }
+    }
     return 0;
 }
 
@@ -210,6 +237,15 @@ void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_par
             s_log_handled_signal();
             log_info("Signal received. Exiting gracefully...");
             break;
+        }
+        if (!config->cloud_mode && !config->cloud_management) {
+            qvctrl_check_flush_config_caches(
+                config, "qv-av-mimescan", s_config_dir(config->basedir, "mime").c_str(),
+                &s_mime_dir_modification_time);
+            qvctrl_check_flush_config_caches(
+                config, "qv-av-activecontent",
+                s_config_dir(config->basedir, "activecontent").c_str(),
+                &s_activecontent_dir_modification_time);
         }
         malloc_trim(0);
     }
@@ -327,6 +363,11 @@ int s_run(int argc, char** argv) {
             break;
         }
 
+        s_mime_dir_modification_time =
+            qvhlp_get_dir_mtime(s_config_dir(config->basedir, "mime").c_str());
+        s_activecontent_dir_modification_time =
+            qvhlp_get_dir_mtime(s_config_dir(config->basedir, "activecontent").c_str());
+
         const std::string lock_path = s_format_path("%s%crun%cquorvale-av-control_%s.lock",
                                                     config->basedir, config->confighash);
         fd_lockfile.reset(open(lock_path.c_str(), O_RDWR | O_CREAT, 0600));
@@ -401,6 +442,9 @@ int s_run(int argc, char** argv) {
         config->endthreads.store(1);
         killed.store(1);
         s_join_worker_threads(update_thread_started ? &update_thread : nullptr, 1, "update");
+        if (s_registry_watcher.thread.joinable()) {
+            s_join_worker_threads(&s_registry_watcher, 1, "worker-registry watcher");
+        }
         if (startup_loop_enabled && s_sigterm_seen.load() == 0) {
             // The handler threads of the failed phase end on the stop flag; let them go before
             // it is lowered again, or every retry would leave a pool behind.

@@ -1,0 +1,12 @@
+// Services of scan clients: the announcement that a client is about to use a scan service.
+#pragma once
+
+#include <json-c/json.h>
+
+#include "qv_request_reply_types.h"
+#include "qvctrl_config.h"
+
+// Command 2: checks "realmID", "SID", "Hostname" and "Servicename" (required, non-empty) and
+// answers OK; a missing or empty one gives an ERROR reply -1 naming it.
+qv_message_t qvctrl_handle_client_services_request(json_object* request,
+                                                   quorvale_control_config_t* config);

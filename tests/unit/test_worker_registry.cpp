@@ -1,0 +1,220 @@
+// The worker registry's projection rules, the worker-control dispatchers and the poller lock,
+// without a broker: registrations are applied directly and the relay finds no connection.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log.h"
+#include "qv_json.h"
+#include "qv_test_util.h"
+#include "qvctrl_adjust_worker_capacity.h"
+#include "qvctrl_poller_lock.h"
+#include "qvctrl_worker_request_handlers.h"
+#include "qvhlp_network.h"
+
+namespace {
+
+std::string upper(std::string s) {
+    for (char& c : s) {
+        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    }
+    return s;
+}
+
+class Registry : public ::testing::Test {
+  protected:
+    std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
+    qvtest::TempDir dir;
+    const std::string log_path = dir / "trace.log";
+    const int saved_level = log_get_level();
+
+    void SetUp() override {
+        log_set_quiet(1);
+        log_set_filename(log_path.c_str());
+        log_set_level(QVLOG_TRACE);
+    }
+    void TearDown() override {
+        log_set_filename(nullptr);
+        log_set_level(saved_level);
+        log_set_quiet(0);
+    }
+    bool logged(const std::string& text) const {
+        return qvtest::file_exists(log_path) &&
+               qvtest::read_file(log_path).find(text) != std::string::npos;
+    }
+    int apply(const std::string& document) {
+        qv::json_ptr doc = qv_json_parse(document);
+        return qvctrl_apply_worker_registration(config.get(), doc.get());
+    }
+    std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
+        qv_request_reply_t rr;
+        rr.request.json_txt = body;
+        qv_const_request_reply_t crr{&rr.request, &rr.reply};
+        const int status = handler(config.get(), &crr);
+        if (rc != nullptr) {
+            *rc = status;
+        }
+        return rr.reply.json_txt;
+    }
+};
+
+}  // namespace
+
+TEST(WorkerIsLocal, NeedsServiceDotExactHostAndCutsAtTheLastUnderscore) {
+    const std::string host = qvhlp_GetMyFQDN();
+    const std::string svc = "qv-av-mimescan";
+    auto local = [&](const std::string& service, const std::string& name) {
+        qv_active_worker_t w;
+        w.servicename = service;
+        w.controlservicename = name;
+        return qvctrl_worker_is_local(&w);
+    };
+    EXPECT_EQ(local(svc, svc + "." + host + "_7"), 1);
+    if (host.find('_') == std::string::npos) {
+        EXPECT_EQ(local(svc, svc + "." + host), 1);
+    }
+    // Cut at the LAST underscore: "<host>_a" is not this host.
+    EXPECT_EQ(local(svc, svc + "." + host + "_a_7"), 0);
+    EXPECT_EQ(local(svc, svc + host), 0);
+    EXPECT_EQ(local(svc, svc + "." + host + "x"), 0);
+    if (upper(host) != host) {
+        EXPECT_EQ(local(svc, svc + "." + upper(host) + "_1"), 0);
+    }
+    EXPECT_EQ(local(svc, upper(svc) + "." + host + "_1"), 0);
+    EXPECT_EQ(local(upper(svc), upper(svc) + "." + host + "_1"), 1);
+}
+
+TEST(IsServiceInstalled, AnswersWithSomeEntryWheneverTheListHasOne) {
+    std::list<qv_installed_service_t> installed;
+    EXPECT_EQ(qvctrl_is_service_installed("qv-av-trellix", installed), nullptr);
+    installed = {{"qv-av-trellix"}, {"qv-av-mimescan"}};
+    EXPECT_EQ(qvctrl_is_service_installed("qv-av-trellix", installed), &installed.front());
+    EXPECT_EQ(qvctrl_is_service_installed("qv-av-other", installed), &installed.back());
+}
+
+TEST_F(Registry, RejectedDocumentsLeaveTheListAlone) {
+    EXPECT_EQ(apply(R"({"service-name": "qv-av-trellix", "worker-name": "qv-av-trellix.h_1"})"),
+              -1);
+    EXPECT_TRUE(logged("Failed to read Secret from JSON"));
+    EXPECT_EQ(apply(R"({"service-name": "qv-av-trellix", "worker-name": "", "Secret": "s"})"), -1);
+    EXPECT_TRUE(logged("Key worker-name found, but value is empty"));
+    EXPECT_EQ(apply(R"({"service-name": "x", "worker-name": "x.h", "Secret": null})"), -1);
+    EXPECT_TRUE(logged("Key Secret found, but value is empty"));
+    EXPECT_EQ(config->running_services.size(), 0u);
+}
+
+TEST_F(Registry, ReRegistrationRefreshesOnlyWhatMayChange) {
+    ASSERT_EQ(apply(R"({"service-name": "qv-av-trellix", "worker-name": "qv-av-trellix.h_1",
+                        "Secret": "first", "DriverName": "engine", "MajorVersion": 6,
+                        "NumberOfViruses": 5000000000, "Timestamp": 1700000000})"),
+              0);
+    EXPECT_TRUE(logged("Registry: new worker node qv-av-trellix @ qv-av-trellix.h_1"));
+    auto w = qvctrl_find_worker_by_name(&config->running_services, "qv-av-trellix.h_1");
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->known_viruses, 5000000000LL);
+    EXPECT_EQ(w->pattern_timestamp, 1700000000);
+
+    // Another service name and secret under the same worker-name take over nothing; without
+    // "DriverName" the engine data stay.
+    ASSERT_EQ(apply(R"({"service-name": "qv-av-mimescan", "worker-name": "qv-av-trellix.h_1",
+                        "Secret": "second", "Primary": 1})"),
+              0);
+    EXPECT_EQ(config->running_services.size(), 1u);
+    EXPECT_EQ(w->servicename, "qv-av-trellix");
+    EXPECT_EQ(w->secret, "first");
+    EXPECT_EQ(w->IsPrimary, 1);
+    EXPECT_EQ(w->driver_name, "engine");
+    EXPECT_EQ(w->major_version, 6);
+
+    // With "DriverName" every engine number comes from this document, 0 where missing; an empty
+    // name keeps the old one.
+    ASSERT_EQ(apply(R"({"service-name": "qv-av-trellix", "worker-name": "qv-av-trellix.h_1",
+                        "Secret": "first", "DriverName": "", "MinorVersion": 3})"),
+              0);
+    EXPECT_EQ(w->driver_name, "engine");
+    EXPECT_EQ(w->major_version, 0);
+    EXPECT_EQ(w->minor_version, 3);
+    EXPECT_EQ(w->known_viruses, 0);
+    EXPECT_EQ(w->IsPrimary, 0);
+    EXPECT_TRUE(logged("Object NumberOfViruses not found"));
+}
+
+TEST_F(Registry, ServiceSideAnswersItsCommandsAndLeavesTheRestToTheGenericReply) {
+    const auto service = qv_av_control_worker_service_request_handler;
+    config->confighash = "10_0_0_7";
+    EXPECT_EQ(call(service, R"({"Command": 3})"), "{\"ReturnCode\": 0}");
+    EXPECT_EQ(call(service, R"({"Command": 11})"),
+              "{ \"ReturnCode\": -1000, \"Confighash\": \"10_0_0_7\"}");
+    int rc = -5;
+    EXPECT_EQ(call(service, "{}", &rc), "{\"ReturnCode\": 0}");
+    EXPECT_EQ(rc, 0);
+    EXPECT_TRUE(logged("Object Command not found"));
+    EXPECT_TRUE(logged("Ignoring invalid request: -1"));
+    EXPECT_TRUE(logged("Complete request:\n{}"));
+    EXPECT_EQ(call(service, "{\"Command\": 3", &rc), "{\"ReturnCode\": -1}");
+    EXPECT_EQ(rc, -1);
+
+    EXPECT_EQ(call(service, R"({"Command": 200, "service-name": "qv-av-trellix"})"),
+              "{\"ReturnCode\": -1000, \"Error\": \"Failed to read worker-name from JSON\"}");
+    EXPECT_EQ(call(service, R"({"Command": 200, "worker-name": null})"),
+              "{\"ReturnCode\": -1000, \"Error\": \"Key worker-name found, but value is empty\"}");
+    // Without a broker the write fails; the worker is told OK and retries on its next beat.
+    EXPECT_EQ(call(service, R"({"Command": 200, "worker-name": "qv-av-trellix.h_1"})"),
+              "{\"ReturnCode\": 0}");
+    EXPECT_TRUE(logged("registration relay: failed to write 'qv-av-trellix.h_1' to KV registry"));
+    EXPECT_EQ(config->running_services.size(), 0u);
+}
+
+TEST_F(Registry, ClientSideAcknowledgesServiceRequestsAndNamesTheMissingMember) {
+    const auto client = qv_av_control_worker_client_request_handler;
+    EXPECT_EQ(call(client, R"({"Command": 2, "realmID": "r1", "SID": "PRD", "Hostname": "sap01",
+                               "Servicename": "qv-av-trellix"})"),
+              "{\"ReturnCode\": 0}");
+    EXPECT_TRUE(logged("r1 - PRD at sap01 is requesting service \"qv-av-trellix\""));
+    EXPECT_EQ(call(client, R"({"Command": 2, "realmID": "r1", "SID": "", "Hostname": "h"})"),
+              "{\"ReturnCode\": -1, \"Error\": \"Key SID found, but value is empty\"}");
+    // A service-side command is unknown here, and this side does not dump the request.
+    EXPECT_EQ(call(client, R"({"Command": 200})"), "{\"ReturnCode\": 0}");
+    EXPECT_TRUE(logged("Ignoring invalid request: 200"));
+    EXPECT_FALSE(logged("Complete request"));
+}
+
+TEST(PollerLock, OnlyOneProcessLeadsUntilItCloses) {
+    qvtest::TempDir dir;
+    const std::string path = dir / "realms.lock";
+    EXPECT_EQ(qvctrl_poller_lock_open(""), nullptr);
+    int to_parent[2];
+    int to_child[2];
+    ASSERT_EQ(pipe(to_parent), 0);
+    ASSERT_EQ(pipe(to_child), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto lock = qvctrl_poller_lock_open(path.c_str());
+        const char got = qvctrl_poller_lock_try_acquire(lock.get()) == 1 ? '1' : '0';
+        (void)!write(to_parent[1], &got, 1);
+        char go = 0;
+        (void)!read(to_child[0], &go, 1);
+        _exit(0);  // the system drops the lock with the process
+    }
+    char got = 0;
+    ASSERT_EQ(read(to_parent[0], &got, 1), 1);
+    ASSERT_EQ(got, '1');
+
+    auto lock = qvctrl_poller_lock_open(path.c_str());
+    ASSERT_NE(lock, nullptr);
+    EXPECT_EQ(qvctrl_poller_lock_try_acquire(lock.get()), 0);
+    EXPECT_EQ(qvctrl_poller_lock_try_acquire(lock.get()), 0);
+    EXPECT_EQ(qvctrl_poller_lock_held(lock.get()), 0);
+    ASSERT_EQ(write(to_child[1], "x", 1), 1);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(qvctrl_poller_lock_try_acquire(lock.get()), 1);
+    EXPECT_EQ(qvctrl_poller_lock_held(lock.get()), 1);
+    for (int fd : {to_parent[0], to_parent[1], to_child[0], to_child[1]}) {
+        close(fd);
+    }
+    qvctrl_poller_lock_close(std::move(lock));
+}
