@@ -1,8 +1,7 @@
 #include "log-helper.h"
 
 #include <cstdio>
-#include <ctime>
-#include <vector>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 
 #include "log.h"
 #include "qv_handles.h"
+#include "qvhlp_archive.h"
 #include "qvhlp_path.h"
 #include "qvsemaphore.h"
 
@@ -22,40 +22,11 @@ int s_lock_adapter(void* udata, int action) {
 }
 
 int s_switch_logfile(const char* filename) {
-    char stamp[80];
-    time_t now = time(nullptr);
-    struct tm local {};
-    localtime_r(&now, &local);
-    strftime(stamp, sizeof(stamp), "%F__%H-%M-%S", &local);
-    char archive_name[4096];
-    snprintf(archive_name, sizeof(archive_name), "%s_%s.zip", filename, stamp);
-
-    qv::archive_write_ptr archive(archive_write_new());
-    if (!archive || archive_write_set_format_zip(archive.get()) != ARCHIVE_OK ||
-        archive_write_open_filename(archive.get(), archive_name) != ARCHIVE_OK) {
-        log_error("Failed to open new archive %s for writing", archive_name);
+    const std::string archive_name = qvhlp_archive_name(filename);
+    if (qvhlp_archive_and_remove(filename, archive_name) != 0) {
+        log_error("Failed to open new archive %s for writing", archive_name.c_str());
         return -1;
     }
-    struct stat st {};
-    stat(filename, &st);
-    qv::archive_entry_ptr entry(archive_entry_new());
-    archive_entry_set_pathname(entry.get(), filename);
-    archive_entry_set_size(entry.get(), st.st_size);
-    archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), 0644);
-    archive_write_header(archive.get(), entry.get());
-    qv::unique_fd fd(open(filename, O_RDONLY));
-    if (fd) {
-        std::vector<char> buffer(8192);
-        ssize_t n;
-        while ((n = read(fd.get(), buffer.data(), buffer.size())) > 0) {
-            archive_write_data(archive.get(), buffer.data(), static_cast<size_t>(n));
-        }
-    }
-    entry.reset();
-    archive_write_close(archive.get());
-    archive.reset();
-    unlink(filename);
     return 0;
 }
 
