@@ -82,6 +82,17 @@ struct qv_installed_service_t {
     std::string servicename;
 };
 
+// One event subscription: the subject events are forwarded to (also its identity and, in shared
+// mode, its bucket key) and the ';'-separated wildcard pattern lists of its scope.
+struct qv_eventhandler_t {
+    std::string service;
+    std::string realm;
+    std::string SID;
+    std::string hostname;
+    std::string modules;
+    time_t expiration = 0;  // absolute; the handler is dropped once this has passed
+};
+
 struct quorvale_control_config_t {
     std::unique_ptr<qv_nats_config> main_nats_config;
     std::unique_ptr<qv_nats_config> backend_amqp_config;
@@ -132,6 +143,8 @@ struct quorvale_control_config_t {
     int32_t event_subscription_ttl_ms = 0;
     int32_t event_subscription_sync_interval_ms = 0;
     uint32_t config_poll_interval = 180;
+    // Guarded by event_workers_listmutex.
+    std::list<qv_eventhandler_t> event_workers_list;
 };
 
 // A record with every default of a fresh start: the sub-records allocated, the lists empty.

@@ -60,6 +60,9 @@ qv::unique_fd fd_lockfile;
 // The worker-registry watcher of the current start phase.
 qv_thread_t s_registry_watcher;
 
+// The event-subscription watcher of the current start phase (shared subscriptions only).
+qv_thread_t s_event_sub_watcher;
+
 // Modification times of the on-premises configuration directories, as last seen; a change makes
 // the main loop flush the workers of that configuration kind.
 time_t s_mime_dir_modification_time = 0;
@@ -219,6 +222,17 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
         if (QV_CreateThread(&s_registry_watcher,
                             [params] { qvctrl_registry_poller_thread(params); }) != 0) {
             log_error("Failed to create worker-registry watcher thread");
+            return -1;
+        }
+    }
+    if (config->event_subscription_kv_enabled) {
+        log_info("Starting event-subscription watcher thread");
+        const event_sub_watcher_params_t params{config, &killed};
+        // A watcher of an earlier phase that outlived its join is let go, not waited for.
+        s_event_sub_watcher = qv_thread_t();
+        if (QV_CreateThread(&s_event_sub_watcher,
+                            [params] { qvctrl_event_sub_watcher_thread(params); }) != 0) {
+            log_error("Failed to create event-subscription watcher thread");
             return -1;
         }
     }
@@ -444,6 +458,10 @@ int s_run(int argc, char** argv) {
         s_join_worker_threads(update_thread_started ? &update_thread : nullptr, 1, "update");
         if (s_registry_watcher.thread.joinable()) {
             s_join_worker_threads(&s_registry_watcher, 1, "worker-registry watcher");
+        }
+        // The watcher must be gone before a retried phase lowers the stop flag and starts another.
+        if (s_event_sub_watcher.thread.joinable()) {
+            s_join_worker_threads(&s_event_sub_watcher, 1, "event-subscription watcher");
         }
         if (startup_loop_enabled && s_sigterm_seen.load() == 0) {
             // The handler threads of the failed phase end on the stop flag; let them go before

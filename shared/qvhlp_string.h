@@ -1,0 +1,10 @@
+// String helpers of the helper library.
+#pragma once
+
+// Wildcard match of `text` against `pattern`: '*' matches any run of characters (also none), '?'
+// exactly one character, anything else itself. Text and pattern end at their NUL or at
+// `terminator`. A single forward scan with one back-tracking point (the last '*' seen); a '*' in
+// the text is first taken literally by a '*' in the pattern. With `case_sensitive` 0, A-Z fold to
+// a-z (ASCII only). 1 on a match, 0 otherwise (also for a null argument).
+int qvhlp_WildcardTextMatch(const char* text, const char* pattern, int case_sensitive,
+                            char terminator);

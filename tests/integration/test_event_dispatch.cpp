@@ -1,0 +1,378 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <ctime>
+#include <list>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "daemon_process.h"
+#include "nats_server.h"
+#include "qv-av-control-event-dispatcher.h"
+#include "qv_json.h"
+#include "qv_nats_client.h"
+#include "qv_nats_kv.h"
+#include "qvctrl_config.h"
+
+using qvtest::DaemonProcess;
+using qvtest::NatsServer;
+
+namespace {
+
+constexpr const char* kBucket = QV_KV_EVENT_SUBSCRIPTIONS_BUCKET;
+constexpr const char* kService = "qv-av-events-dispatch";
+
+std::unique_ptr<qv_nats_config> client_for(const NatsServer& server) {
+    auto config = qv_nats_config_new();
+    config->server_url = server.url();
+    config->cert_path = qvtest::test_certificates().ca_cert;
+    return config;
+}
+
+// An event handler: a NATS service of this process that records what it is sent and answers
+// with `reply_code`.
+struct Recorder {
+    mutable std::mutex mutex;
+    std::vector<std::string> received;
+    int reply_code = 0;
+
+    static int handle(void* context, qv_const_request_reply_t* rr) {
+        auto* self = static_cast<Recorder*>(context);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->received.push_back(rr->request->json_txt);
+        rr->reply->json_txt = "{\"ReturnCode\": " + std::to_string(self->reply_code) + "}";
+        return 0;
+    }
+    size_t count() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received.size();
+    }
+};
+
+// A connection of the test's own: it serves recorders and sends requests.
+struct Peer {
+    std::unique_ptr<qv_nats_config> cfg;
+    std::atomic<int> stop{0};
+    std::list<Recorder> recorders;
+
+    explicit Peer(const NatsServer& server) : cfg(client_for(server)) {
+        EXPECT_EQ(qv_nats_init(cfg.get()), 0);
+    }
+    ~Peer() {
+        stop = 1;
+        qv_nats_deinit(cfg.get());
+    }
+    Recorder& serve(const std::string& subject) {
+        Recorder& r = recorders.emplace_back();
+        EXPECT_EQ(qv_nats_start_service_handler_threads(cfg.get(), subject.c_str(),
+                                                        Recorder::handle, &r, &stop, 1),
+                  0);
+        return r;
+    }
+    std::string request(const std::string& body) {
+        std::string err;
+        qv::json_ptr reply =
+            qv_nats_send_recv_json(cfg.get(), kService, body.c_str(), 20000, 0, &err);
+        return reply ? qv_json_to_string(reply.get()) : err;
+    }
+};
+
+std::string subscribe(const std::string& service, const std::string& modules,
+                      const std::string& hosts = "*", const std::string& realms = "*",
+                      const std::string& sids = "*") {
+    return R"({"Command": 500, "Service": ")" + service + R"(", "realmID": ")" + realms +
+           R"(", "SID": ")" + sids + R"(", "Hostname": ")" + hosts + R"(", "Modules": ")" +
+           modules + R"("})";
+}
+
+// An event; the members given as "" are left out.
+std::string event(const std::string& component, const std::string& host = "",
+                  const std::string& realm = "", const std::string& sid = "") {
+    std::string text = R"({"Command": 501, "Event": {"Type": "detection", "Path": "/srv/a b"})";
+    for (const auto& [key, value] : {std::pair{"Component", component},
+                                     {"Hostname", host},
+                                     {"realmID", realm},
+                                     {"SID", sid}}) {
+        if (!value.empty()) {
+            text += std::string(", \"") + key + "\": \"" + value + "\"";
+        }
+    }
+    return text + "}";
+}
+
+// The dispatcher called in this process on a configuration record of its own.
+struct EventService : ::testing::Test {
+    NatsServer server;
+    std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
+    std::unique_ptr<Peer> peer;
+
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_EQ(server.create_buckets(), 0);
+        config->main_nats_config = client_for(server);
+        ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
+        config->event_subscription_ttl_ms = 30000;
+        peer = std::make_unique<Peer>(server);
+    }
+    void TearDown() override {
+        peer.reset();
+        qv_nats_deinit(config->main_nats_config.get());
+    }
+    std::string call(const std::string& body, int* rc = nullptr) {
+        qv_request_reply_t rr;
+        rr.request.json_txt = body;
+        qv_const_request_reply_t crr{&rr.request, &rr.reply};
+        const int status = qv_av_control_event_request_handler(config.get(), &crr);
+        if (rc != nullptr) {
+            *rc = status;
+        }
+        return rr.reply.json_txt;
+    }
+    std::list<qv_eventhandler_t>& handlers() { return config->event_workers_list; }
+    void add_handler(const std::string& service, const std::string& hosts,
+                     const std::string& realms = "*", const std::string& sids = "*",
+                     const std::string& modules = "*") {
+        handlers().push_back({service, realms, sids, hosts, modules, time(nullptr) + 3600});
+    }
+    int bucket_get(const std::string& key, std::string* value) {
+        return qv_nats_kv_get(peer->cfg.get(), kBucket, key.c_str(), value);
+    }
+};
+
+const std::string kOK = "{\"ReturnCode\": 0}";
+
+}  // namespace
+
+TEST_F(EventService, LocalSubscriptionsRenewWithoutRescopingAndLapse) {
+    Recorder& a = peer->serve("qv-test.a");
+    const time_t before = time(nullptr);
+    EXPECT_EQ(call(subscribe("qv-test.a", "qv-av-trellix", "h1", "r1", "S1")), kOK);
+    const time_t after = time(nullptr);
+    ASSERT_EQ(handlers().size(), 1u);
+    const qv_eventhandler_t& h = handlers().front();
+    EXPECT_EQ(h.service + "|" + h.realm + "|" + h.SID + "|" + h.hostname + "|" + h.modules,
+              "qv-test.a|r1|S1|h1|qv-av-trellix");
+    EXPECT_GE(h.expiration, before + 30);
+    EXPECT_LE(h.expiration, after + 30);
+
+    // A renewal refreshes the lifetime but keeps the first scope.
+    handlers().front().expiration = before + 5;
+    EXPECT_EQ(call(subscribe("qv-test.a", "qv-av-mimescan", "h1", "r1", "S1")), kOK);
+    ASSERT_EQ(handlers().size(), 1u);
+    EXPECT_GE(handlers().front().expiration, after + 30);
+    EXPECT_EQ(handlers().front().modules, "qv-av-trellix");
+    EXPECT_EQ(call(event("qv-av-mimescan", "h1", "r1", "S1")), kOK);
+    EXPECT_EQ(a.count(), 0u);
+    EXPECT_EQ(call(event("qv-av-trellix", "h1", "r1", "S1")), kOK);
+    EXPECT_EQ(a.count(), 1u);
+    std::string value;
+    EXPECT_EQ(bucket_get("qv-test.a", &value), 1) << "local mode never writes the bucket";
+
+    // Lapsed handlers go before any request is looked at, even an undecodable one.
+    add_handler("qv-test.b", "*");
+    handlers().front().expiration = time(nullptr) - 1;
+    int rc = 0;
+    EXPECT_EQ(call("not json", &rc), "{\"ReturnCode\": -1}");
+    EXPECT_EQ(rc, -1);
+    ASSERT_EQ(handlers().size(), 1u);
+    EXPECT_EQ(handlers().front().service, "qv-test.b");
+}
+
+TEST_F(EventService, MalformedSubscriptionsAreAnsweredOkAndStoreNothing) {
+    for (bool shared : {false, true}) {
+        config->event_subscription_kv_enabled = shared;
+        for (const char* key : {"Service", "realmID", "SID", "Hostname", "Modules"}) {
+            qv::json_ptr request = qv_json_parse(subscribe("qv-test.m", "*"));
+            json_object_object_del(request.get(), key);
+            EXPECT_EQ(call(qv_json_to_string(request.get())), kOK) << key;
+            json_object_object_add(request.get(), key, json_object_new_string(""));
+            EXPECT_EQ(call(qv_json_to_string(request.get())), kOK) << key;
+        }
+        EXPECT_TRUE(handlers().empty());
+        std::string value;
+        EXPECT_EQ(bucket_get("qv-test.m", &value), 1);
+    }
+}
+
+TEST_F(EventService, DispatchReachesEveryMatchingScope) {
+    Recorder& lists = peer->serve("qv-test.lists");
+    Recorder& prefix = peer->serve("qv-test.prefix");
+    Recorder& upper = peer->serve("qv-test.upper");
+    Recorder& separators = peer->serve("qv-test.separators");
+    Recorder& empty = peer->serve("qv-test.empty");
+    Recorder& any = peer->serve("qv-test.any");
+    Recorder& narrow = peer->serve("qv-test.narrow");
+    add_handler("qv-test.lists", "host1;host2");
+    add_handler("qv-test.prefix", "host*");
+    add_handler("qv-test.upper", "HOST2");
+    add_handler("qv-test.separators", ";;");
+    add_handler("qv-test.empty", "");
+    add_handler("qv-test.any", "*");
+    add_handler("qv-test.narrow", "*", "r1;r2", "S?1", "qv-av-*");
+    auto counts = [&] {
+        std::string s;
+        for (Recorder* r : {&lists, &prefix, &upper, &separators, &empty, &any, &narrow}) {
+            s += std::to_string(r->count());
+        }
+        return s;
+    };
+    const std::string first = event("qv-av-mimescan", "host2", "r2", "S01");
+    EXPECT_EQ(call(first), kOK);
+    EXPECT_EQ(counts(), "1100011");
+    // Forwarded whole: "Command", the event and the filter members as they came.
+    qv::json_ptr sent = qv_json_parse(any.received.at(0));
+    ASSERT_TRUE(sent);
+    EXPECT_TRUE(json_object_equal(sent.get(), qv_json_parse(first).get()));
+
+    EXPECT_EQ(call(event("qv-av-mimescan")), kOK);  // no host, realm or SID
+    EXPECT_EQ(counts(), "1100121");
+    EXPECT_EQ(call(event("other", "host1", "r1", "S11")), kOK);
+    EXPECT_EQ(counts(), "2200131");
+}
+
+TEST_F(EventService, FailedForwardsAndMalformedEventsAreReportedToTheSender) {
+    Recorder& good = peer->serve("qv-test.good");
+    Recorder& refusing = peer->serve("qv-test.refusing");
+    refusing.reply_code = -3;
+    add_handler("qv-test.unreachable", "*");
+    add_handler("qv-test.good", "*");
+    const std::string failed =
+        "{\"ReturnCode\": -1000, \"Error\": \"Failed to send event to handler\"}";
+    // The handler after the unreachable one is still served.
+    EXPECT_EQ(call(event("qv-av-trellix")), failed);
+    EXPECT_EQ(good.count(), 1u);
+    handlers().pop_front();
+    EXPECT_EQ(call(event("qv-av-trellix")), kOK);
+    add_handler("qv-test.refusing", "*");
+    EXPECT_EQ(call(event("qv-av-trellix")), failed);
+    EXPECT_EQ(good.count(), 3u);
+    EXPECT_EQ(refusing.count(), 1u);
+
+    EXPECT_EQ(call(R"({"Command": 501, "Component": "x"})"),
+              "{\"ReturnCode\": -1000, \"Error\": \"\"}");
+    EXPECT_EQ(call(R"({"Command": 501, "Event": null})"),
+              "{\"ReturnCode\": -1000, \"Error\": \"Failed to read Component from JSON\"}");
+    EXPECT_EQ(call(R"({"Command": 501, "Event": 1, "Component": ""})"),
+              "{\"ReturnCode\": -1000, \"Error\": \"Key Component found, but value is empty\"}");
+    // Unknown commands are ignored with a plain reply.
+    EXPECT_EQ(call(R"({"Command": 502, "Event": 1, "Component": "x"})"), kOK);
+    EXPECT_EQ(call(R"({"Event": 1, "Component": "x"})"), kOK);
+    EXPECT_EQ(good.count(), 3u);
+}
+
+TEST_F(EventService, SharedSubscriptionsFollowTheBucket) {
+    config->event_subscription_kv_enabled = true;
+    const std::string request = subscribe("qv-test.s", "qv-av-trellix", "h1");
+    EXPECT_EQ(call(request), kOK);
+    EXPECT_TRUE(handlers().empty()) << "only the watcher projects";
+    std::string value;
+    ASSERT_EQ(bucket_get("qv-test.s", &value), 0);
+    EXPECT_EQ(value, qv_json_to_string(qv_json_parse(request).get()));
+
+    ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
+    ASSERT_EQ(handlers().size(), 1u);
+    EXPECT_EQ(handlers().front().hostname, "h1");
+    EXPECT_GE(handlers().front().expiration, time(nullptr) + 31536000 - 5);
+    // In the bucket a new scope applies at once; a value without members gives empty patterns.
+    EXPECT_EQ(call(subscribe("qv-test.s", "qv-av-mimescan", "h2")), kOK);
+    ASSERT_EQ(qv_nats_kv_put(peer->cfg.get(), kBucket, "qv-test.bare", "{}", 0), 0);
+    ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
+    ASSERT_EQ(handlers().size(), 2u);
+    EXPECT_EQ(handlers().front().modules + "|" + handlers().front().hostname, "qv-av-mimescan|h2");
+    EXPECT_EQ(handlers().back().modules + handlers().back().realm + handlers().back().SID, "");
+
+    // An unreadable value keeps the scope it replaced; a deleted key drops its handler.
+    ASSERT_EQ(qv_nats_kv_put(peer->cfg.get(), kBucket, "qv-test.s", "not json", 0), 0);
+    qv_nats_kv_delete(peer->cfg.get(), kBucket, "qv-test.bare");
+    ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
+    ASSERT_EQ(handlers().size(), 1u);
+    EXPECT_EQ(handlers().front().hostname, "h2");
+
+    // Without the server nothing can be read, so nothing is dropped.
+    qv_nats_kv_delete(peer->cfg.get(), kBucket, "qv-test.s");
+    server.stop();
+    EXPECT_EQ(qvctrl_event_sub_reconcile(config.get()), -1);
+    EXPECT_EQ(handlers().size(), 1u);
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(qvtest::wait_until([&] { return qvctrl_event_sub_reconcile(config.get()) == 0; },
+                                   std::chrono::seconds(30)));
+    EXPECT_TRUE(handlers().empty());
+
+    // Projected handlers do not lapse on their own in shared mode.
+    add_handler("qv-test.old", "*");
+    handlers().front().expiration = time(nullptr) - 10;
+    call(event("x"));
+    EXPECT_EQ(handlers().size(), 1u);
+}
+
+TEST(EventDaemon, LocalModeServesSubscribersOfThisDaemon) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    Peer peer(server);
+    Recorder& handler = peer.serve("qv-test.local");
+    DaemonProcess d;
+    d.use_nats(server.url(), "control");
+    d.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "0";
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    EXPECT_EQ(d.logs().find("Starting event-subscription watcher thread"), std::string::npos);
+
+    EXPECT_EQ(peer.request(subscribe("qv-test.local", "qv-av-trellix;qv-av-mime*")),
+              "{\"ReturnCode\":0}");
+    EXPECT_EQ(peer.request(event("qv-av-mimescan", "host9")), "{\"ReturnCode\":0}");
+    EXPECT_EQ(handler.count(), 1u);
+    EXPECT_EQ(peer.request(event("qv-av-activecontent", "host9", "r7")), "{\"ReturnCode\":0}");
+    EXPECT_EQ(handler.count(), 1u);
+    EXPECT_TRUE(
+        d.wait_for_log("Dispatch: NO subscriber matched — 1 handler(s) in this node's "
+                       "projection; event filter Hostname='host9' realmID='r7' SID='' "
+                       "Component='qv-av-activecontent'"));
+    EXPECT_TRUE(
+        d.wait_for_log("Dispatch:   candidate service='qv-test.local' scope{ "
+                       "Hostname='*'(1) realmID='*'(1) SID='*'(1) "
+                       "Modules='qv-av-trellix;qv-av-mime*'(0) }"));
+    EXPECT_EQ(d.stop(), 0);
+}
+
+// Subscribed through daemon A only, served by daemon B from the bucket; A's shutdown leaves B
+// serving, and the lapsed bucket entry ends the subscription on B.
+TEST(EventDaemon, TwoDaemonsShareSubscriptionsThroughTheBucket) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    qv_kv_bucket_ages ages;
+    ages.event_subscriptions_ms = 15000;
+    ASSERT_EQ(server.create_buckets(ages), 0);
+    Peer peer(server);
+    Recorder& handler = peer.serve("qv-test.shared");
+    DaemonProcess a;
+    DaemonProcess b;
+    for (DaemonProcess* d : {&a, &b}) {
+        d->use_nats(server.url(), "control");
+        d->control_keys["EVENT_SUBSCRIPTION_SYNC_INTERVAL"] = "1";
+        d->write_config();
+    }
+    const std::string projected = "event-sub: projected new handler 'qv-test.shared'";
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(a.wait_for_log("event-subscription sync: starting")) << a.logs();
+    EXPECT_EQ(peer.request(subscribe("qv-test.shared", "qv-av-*")), "{\"ReturnCode\":0}");
+    ASSERT_TRUE(b.start());
+    ASSERT_TRUE(b.wait_for_log(projected)) << b.logs();
+    ASSERT_TRUE(a.wait_for_log(projected));
+    // Whichever daemon takes an event, it reaches the handler.
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
+    }
+    EXPECT_EQ(handler.count(), 4u);
+    EXPECT_EQ(a.stop(), 0);
+    EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
+    EXPECT_EQ(handler.count(), 5u);
+    EXPECT_EQ(b.logs().find("Event-handler SUBSCRIBE"), std::string::npos);
+
+    ASSERT_TRUE(b.wait_for_log("handler 'qv-test.shared' absent from KV — removing",
+                               std::chrono::seconds(60)));
+    EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
+    EXPECT_EQ(handler.count(), 5u);
+    EXPECT_EQ(b.stop(), 0);
+}
