@@ -22,6 +22,7 @@
 
 #include "log-helper.h"
 #include "log.h"
+#include "qv_log.h"
 #include "qv_nats_client.h"
 #include "qv_shm-heartbeat.h"
 #include "qv_uuid.h"
@@ -239,11 +240,30 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
     return 0;
 }
 
+// The status-log message of a completed start. This process runs no log dispatcher, so the
+// message is built and then dropped. The first count is the service-side pool, shown under the
+// client-facing label as the status log has always shown it.
+void s_build_status_log(const quorvale_control_config_t* config) {
+    qv::json_ptr msg = qv_log_create_message();
+    qv::json_ptr data(json_object_new_object());
+    if (!msg || !data) {
+        return;
+    }
+    char text[256];
+    snprintf(text, sizeof(text),
+             "Control ready. PID: %d, %d client-facing threads, %d service-facing threads",
+             static_cast<int>(getpid()), config->number_of_service_side_worker_threads,
+             config->number_of_client_side_worker_threads);
+    json_object_object_add(data.get(), "Message", json_object_new_string(text));
+    qv_log_add_log_section(msg.get(), "StatusLog", nullptr, std::move(data));
+}
+
 void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_params_t* params,
                  char** argv) {
     (void)config;
     (void)params;
     (void)argv;
+    s_build_status_log(config);
     log_trace("Entering main loop");
     while (killed.load() == 0) {
         s_sleep_seconds(2, true);

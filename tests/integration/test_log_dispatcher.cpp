@@ -1,0 +1,241 @@
+// The log dispatcher against real NATS services that record what they receive.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <semaphore.h>
+#include <spawn.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "nats_server.h"
+#include "qv_json.h"
+#include "qv_log.h"
+#include "qv_nats_client.h"
+#include "qv_pqueue.h"
+#include "qvhlp_path.h"
+#include "qvhlp_replies.h"
+
+extern char** environ;
+
+namespace {
+
+// A service that answers every request and keeps its text, optionally after a pause, and that
+// can be told to reject the next few requests.
+struct Recorder {
+    std::mutex mutex;
+    std::vector<std::string> bodies;
+    std::atomic<int> reject{0};
+    std::atomic<int> delay_ms{0};
+
+    std::set<std::string> distinct() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return {bodies.begin(), bodies.end()};
+    }
+};
+
+int s_recording_handler(void* context, qv_const_request_reply_t* rr) {
+    auto* recorder = static_cast<Recorder*>(context);
+    if (recorder->delay_ms > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(recorder->delay_ms.load()));
+    }
+    if (recorder->reject.fetch_sub(1) > 0) {
+        return qv_reply_set_ERROR(rr->reply, -1, "rejected by test");
+    }
+    {
+        std::lock_guard<std::mutex> lock(recorder->mutex);
+        recorder->bodies.push_back(rr->request->json_txt);
+    }
+    return qv_reply_set_OK(rr->reply);
+}
+
+std::vector<std::string> files_in(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.') {
+                names.emplace_back(e->d_name);
+            }
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+pid_t spawn(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (auto& a : args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+        return -1;
+    }
+    return pid;
+}
+
+struct LogDispatcherService : ::testing::Test {
+    // Outlives the service threads, which log until TearDown has stopped them.
+    qvtest::LogCapture log;
+    qvtest::NatsServer server;
+    Recorder logs;
+    Recorder events;
+    std::atomic<int> stop{0};
+    std::unique_ptr<qv_nats_config> service;  // the recording services' connection
+    qvtest::TempDir run;
+    std::unique_ptr<qv_pqueue> pq;
+    std::vector<std::string> traces;
+
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        service = connect();
+        ASSERT_TRUE(service);
+        ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-log",
+                                                        s_recording_handler, &logs, &stop, 2),
+                  0);
+        ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-events-dispatch",
+                                                        s_recording_handler, &events, &stop, 1),
+                  0);
+        pq = qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 10000, 50000000, O_CREAT,
+                            RINGBUFFER);
+        ASSERT_TRUE(pq);
+    }
+    void TearDown() override {
+        stop = 1;
+        qv_nats_deinit(service.get());
+        for (const std::string& trace : traces) {
+            sem_unlink(("qv_log_" + std::string(qvhlp_FlattenPath(trace.c_str()))).c_str());
+        }
+    }
+
+    std::unique_ptr<qv_nats_config> connect() {
+        auto cfg = qv_nats_config_new();
+        cfg->server_url = server.url();
+        cfg->cert_path = qvtest::test_certificates().ca_cert;
+        if (qv_nats_init(cfg.get()) != 0) {
+            return nullptr;
+        }
+        return cfg;
+    }
+
+    // Pushes `count` log entries as a producer would; returns their texts.
+    std::set<std::string> push_logs(int first, int count) {
+        std::set<std::string> texts;
+        for (int i = first; i < first + count; ++i) {
+            qv::json_ptr msg = qv_log_create_message();
+            qv::json_ptr data(json_object_new_object());
+            json_object_object_add(data.get(), "Message",
+                                   json_object_new_string(("entry " + std::to_string(i)).c_str()));
+            EXPECT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", std::move(data)), 0);
+            EXPECT_EQ(qv_log_enqueue(pq.get(), 'L', msg.get()), 0);
+            texts.insert(qv_json_to_string(msg.get()));
+        }
+        return texts;
+    }
+
+    std::set<std::string> on_disk() {
+        std::set<std::string> texts;
+        for (const std::string& name : files_in(pq->queue_data_dir)) {
+            texts.insert(qvtest::read_file(pq->queue_data_dir + "/" + name));
+        }
+        return texts;
+    }
+
+    size_t claimed_files(const std::string& prefix) {
+        size_t n = 0;
+        for (const std::string& name : files_in(pq->queue_data_dir)) {
+            n += name.rfind(prefix, 0) == 0 ? 1 : 0;
+        }
+        return n;
+    }
+
+    pid_t start_dispatcher_process(const std::string& trace) {
+        traces.push_back(trace);
+        return spawn({std::string(QV_BIN_DIR) + "/qv_test_queue_tool", "dispatch", run.path(),
+                      server.url(), qvtest::test_certificates().ca_cert, trace});
+    }
+};
+
+}  // namespace
+
+TEST_F(LogDispatcherService, DeliversEachKindRetriesRejectionsAndWaitsOutABrokerRestart) {
+    std::set<std::string> pushed = push_logs(0, 20);
+    ASSERT_EQ(qv_log_send_event(pq.get(), 7, "r1", "SID", "/f", nullptr, nullptr, nullptr, nullptr),
+              0);
+    std::set<std::string> event = on_disk();
+    for (const std::string& text : pushed) {
+        event.erase(text);
+    }
+    logs.reject = 2;
+    auto client = connect();
+    auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), client.get());
+    ASSERT_TRUE(dispatcher);
+    ASSERT_TRUE(qvtest::wait_until([&] { return logs.distinct() == pushed; }));
+    EXPECT_TRUE(qvtest::wait_until([&] { return events.distinct() == event; }));
+    // The two rejected entries went back to the queue and were sent again later.
+    const std::string trace = log.text();
+    const std::string failed = "Failed to send log/event entry";
+    EXPECT_NE(trace.find(failed, trace.find(failed) + 1), std::string::npos);
+
+    // Entries queued while the broker is away wait (claimed, sent, put back) until it returns.
+    server.stop();
+    const std::set<std::string> during = push_logs(20, 15);
+    pushed.insert(during.begin(), during.end());
+    EXPECT_TRUE(qvtest::wait_until([&] { return claimed_files("claimed_") > 0; }));
+    ASSERT_TRUE(server.start());
+    EXPECT_TRUE(qvtest::wait_until([&] { return logs.distinct() == pushed && on_disk().empty(); },
+                                   std::chrono::seconds(60)))
+        << logs.distinct().size() << " of " << pushed.size() << " delivered";
+    EXPECT_TRUE(log.contains("NATS: connection lost"));
+    dispatcher.reset();
+    qv_nats_deinit(client.get());
+}
+
+TEST_F(LogDispatcherService, ProcessKilledMidBatchLosesNothing) {
+    logs.delay_ms = 20;  // keeps a batch in flight long enough to kill it
+    const std::set<std::string> pushed = push_logs(0, 200);
+    const pid_t first = start_dispatcher_process(run / "dispatch-1.trc");
+    ASSERT_GT(first, 0);
+    ASSERT_TRUE(qvtest::wait_until([&] { return logs.distinct().size() >= 30; }));
+    ASSERT_EQ(kill(first, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(first, &status, 0), first);
+
+    // Everything is either delivered or still on disk, much of it under the dead run's claims.
+    EXPECT_GT(claimed_files("claimed_" + std::to_string(first) + "_L"), 0u);
+    std::set<std::string> accounted = logs.distinct();
+    const std::set<std::string> left = on_disk();
+    accounted.insert(left.begin(), left.end());
+    EXPECT_EQ(accounted, pushed);
+
+    // Claims count as stale an hour after their push; let that hour pass for the files.
+    struct timeval old[2];
+    gettimeofday(&old[0], nullptr);
+    old[0].tv_sec -= 7200;
+    old[1] = old[0];
+    for (const std::string& name : files_in(pq->queue_data_dir)) {
+        ASSERT_EQ(utimes((pq->queue_data_dir + "/" + name).c_str(), old), 0);
+    }
+    logs.delay_ms = 0;
+    const std::string trace = run / "dispatch-2.trc";
+    const pid_t second = start_dispatcher_process(trace);
+    ASSERT_GT(second, 0);
+    EXPECT_TRUE(qvtest::wait_until([&] { return logs.distinct() == pushed && on_disk().empty(); }));
+    EXPECT_NE(qvtest::read_file(trace).find(" stale claimed queue entries into the dispatch pool"),
+              std::string::npos);
+    ASSERT_EQ(kill(second, SIGTERM), 0);
+    ASSERT_EQ(waitpid(second, &status, 0), second);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}

@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "qv_base64_decode.h"
+#include "qv_json.h"
+#include "qv_log.h"
+#include "qv_pqueue.h"
+#include "qv_test_util.h"
+#include "qvhlp_network.h"
+
+namespace {
+
+std::string member(json_object* obj, const char* key) {
+    json_object* value = nullptr;
+    return json_object_object_get_ex(obj, key, &value) ? json_object_get_string(value) : "<none>";
+}
+
+// The exact text of an envelope, up to (not including) its closing brace.
+std::string envelope_text(json_object* msg) {
+    return "{\"LogVersion\":1,\"Timestamp\":\"" + member(msg, "Timestamp") +
+           "\",\"Timestamp_epoch\":" + member(msg, "Timestamp_epoch") +
+           ",\"Component\":\"qv-av-control\",\"Hostname\":\"" + qvhlp_GetMyFQDN() +
+           "\",\"EventID\":\"" + member(msg, "EventID") + "\"";
+}
+
+qv::json_ptr message_data(const char* text) {
+    qv::json_ptr data(json_object_new_object());
+    json_object_object_add(data.get(), "Message", json_object_new_string(text));
+    return data;
+}
+
+}  // namespace
+
+TEST(LogEvents, EnvelopeAndLogSectionsHaveTheirExactText) {
+    qv::json_ptr msg = qv_log_create_message();
+    ASSERT_TRUE(msg);
+    EXPECT_TRUE(std::regex_match(
+        member(msg.get(), "EventID"),
+        std::regex("[0-9a-f]{8}-[0-9a-f]{4}-1[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}")));
+    const time_t t = std::stol(member(msg.get(), "Timestamp_epoch"));
+    struct tm utc {};
+    char stamp[64];
+    strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", gmtime_r(&t, &utc));
+    EXPECT_EQ(member(msg.get(), "Timestamp"), stamp);
+    EXPECT_NE(member(qv_log_create_message().get(), "EventID"), member(msg.get(), "EventID"));
+
+    ASSERT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", message_data("ready")), 0);
+    EXPECT_EQ(qv_json_to_string(msg.get()),
+              envelope_text(msg.get()) +
+                  ",\"StatusLog\":{\"LogData\":{\"Message\":\"ready\"}},\"realmID\":\"r1\"}");
+    qv::json_ptr plain = qv_log_create_message_with_eventID("ev-2");
+    ASSERT_EQ(qv_log_add_log_section(plain.get(), "ErrorLog", "", message_data("x")), 0);
+    EXPECT_EQ(member(plain.get(), "realmID"), "<none>");
+    EXPECT_EQ(qv_log_add_log_section(plain.get(), "ErrorLog", "r", nullptr), -1);
+
+    // The scan log always names a realm, an empty one when none is given.
+    qv::json_ptr scan = qv_log_create_message_with_eventID("ev-3");
+    ASSERT_EQ(qv_log_add_scanlog_section(scan.get(), "a/scan.log", nullptr, message_data("m")), 0);
+    EXPECT_EQ(qv_json_to_string(scan.get()),
+              envelope_text(scan.get()) +
+                  ",\"ScanLog\":{\"ScanLogPath\":\"a/scan.log\",\"LogData\":{\"Message\":\"m\"}},"
+                  "\"realmID\":\"\"}");
+}
+
+TEST(LogEvents, EpoRecordAndDelimitedEventId) {
+    qv::json_ptr rec = qv_log_create_epolog_json(42, "/tmp/eicar.com", "EICAR", "virus", "test",
+                                                 "blocked", nullptr, "10950");
+    ASSERT_TRUE(rec);
+    EXPECT_EQ(qv_json_to_string(rec.get()),
+              "{\"LogType\":\"EPOLog\",\"Timestamp\":" + member(rec.get(), "Timestamp") +
+                  ",\"EventID\":42,\"Filename\":\"/tmp/eicar.com\",\"Threat-Name\":\"EICAR\","
+                  "\"Threat-Category\":\"virus\",\"Threat-Type\":\"test\",\"Action-taken\":"
+                  "\"blocked\",\"Lib-Version\":\"\",\"DAT-Version\":\"10950\"}");
+
+    qv::json_ptr msg = qv_log_create_message_with_eventID("abc");
+    EXPECT_EQ(qv_log_create_delimited_eventID_string("ID=", msg.get()), "ID=abc");
+    EXPECT_EQ(qv_log_create_delimited_eventID_string("", msg.get()), "EventID:abc");
+    EXPECT_EQ(qv_log_create_delimited_eventID_string("", rec.get()), "EventID:42");
+    qv::json_ptr none(json_object_new_object());
+    EXPECT_EQ(qv_log_create_delimited_eventID_string("ID=", none.get()), "ID=not set");
+}
+
+TEST(LogEvents, BackoffGrowsByAQuarterSecondUpToTwoSeconds) {
+    std::vector<int> sleeps;
+    for (int backoff = 0; sleeps.size() < 10;) {  // a success puts it back to 0
+        sleeps.push_back(backoff = qv_log_next_backoff_ms(backoff));
+    }
+    EXPECT_EQ(sleeps, (std::vector<int>{250, 500, 750, 1000, 1250, 1500, 1750, 2000, 2000, 2000}));
+}
+
+TEST(LogEvents, EventsAreQueuedPlainOrSealed) {
+    qvtest::LogCapture log;
+    qvtest::TempDir run;
+    auto pq = qv_pqueue_open(run.path().c_str(), "ev.pq", 3, 1000000, O_CREAT, FAIL);
+    auto take = [&] {
+        auto element = qv_pqueue_pop(pq.get(), 'E');
+        unlink(element->id.c_str());
+        return qv_json_parse(reinterpret_cast<const char*>(element->data.data()));
+    };
+    ASSERT_EQ(qv_log_send_event(pq.get(), 3, "realm-1", "PRD", "/data/x.exe", nullptr, "virus",
+                                "blocked", nullptr),
+              0);
+    qv::json_ptr msg = take();
+    EXPECT_EQ(qv_json_to_string(msg.get()),
+              envelope_text(msg.get()) +
+                  ",\"Command\":501,\"realmID\":\"realm-1\",\"SID\":\"PRD\",\"Event\":{\"Type\":3,"
+                  "\"Filename\":\"/data/x.exe\",\"Blocking-Reason\":\"virus\",\"Event-Message\":"
+                  "\"blocked\"}}");
+
+    auto key = qv_secretbox_generate_key("event password");
+    ASSERT_EQ(qv_log_send_event(pq.get(), 2, nullptr, nullptr, "/in/f.doc", "macro", nullptr,
+                                nullptr, key.get()),
+              0);
+    msg = take();
+    const std::string b64 = member(msg.get(), "Event");
+    EXPECT_EQ(qv_json_to_string(msg.get()), envelope_text(msg.get()) +
+                                                ",\"Command\":501,\"Nonce\":\"" + key->nonce_hex +
+                                                "\",\"Event\":\"" + b64 + "\"}");
+    const std::vector<unsigned char> cipher = new_base64_decode(b64);
+    std::vector<unsigned char> sealed;
+    ASSERT_EQ(qv_secretbox_decrypt_buffer(cipher.data(), cipher.size(), key.get(),
+                                          key->nonce.data(), &sealed),
+              0);
+    EXPECT_EQ(std::string(sealed.begin(), sealed.end()),
+              "{\"Type\":2,\"Filename\":\"/in/f.doc\",\"Error\":\"macro\"}");
+
+    // A full queue refuses the message and says which kind it was.
+    for (int i = 0; i < 4; ++i) {
+        qv_log_send_event(pq.get(), 1, "r", "S", "f", nullptr, nullptr, nullptr, nullptr);
+    }
+    EXPECT_TRUE(log.contains("Failed to persist event message in queue: {\"LogVersion\":1"));
+    EXPECT_EQ(qv_log_enqueue(pq.get(), 'L', msg.get()), -1);
+    EXPECT_TRUE(
+        log.contains("Failed to persist log message in queue: " + qv_json_to_string(msg.get())));
+}
+
+// Without a broker every send fails: the dispatcher must drop what cannot be sent at all, keep
+// the rest, and leave nothing claimed when it stops.
+TEST(LogDispatcher, DropsEmptyEntriesAndRestoresUnsentOnesWhenStopped) {
+    qvtest::LogCapture log;
+    qvtest::TempDir run;
+    auto pq =
+        qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 100, 1000000, O_CREAT, RINGBUFFER);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(qv_pqueue_push(pq.get(), 'L', "{}", 2), 0);
+    }
+    qvtest::write_file(pq->queue_data_dir + "/E1b4e28ba-2fa1-11d2-883f-0016d3cca427.dat", "");
+    // A claim of a run that died long ago is back in the queue when the dispatcher starts.
+    const std::string stale =
+        pq->queue_data_dir + "/claimed_999999_L2b4e28ba-2fa1-11d2-883f-0016d3cca427.dat";
+    qvtest::write_file(stale, "{}");
+    struct timeval old[2];
+    gettimeofday(&old[0], nullptr);
+    old[1] = old[0] = {old[0].tv_sec - 7200, 0};
+    ASSERT_EQ(utimes(stale.c_str(), old), 0);
+
+    auto cfg = qv_nats_config_new();  // never connected
+    auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), cfg.get());
+    ASSERT_TRUE(dispatcher);
+    ASSERT_TRUE(log.wait_for("Dropping unreadable/empty entry"));
+    dispatcher->killed = 1;
+    ASSERT_EQ(QV_JoinThread(&dispatcher->th_id), 0);
+
+    EXPECT_TRUE(log.contains("Failed to send log/event entry"));
+    EXPECT_TRUE(log.contains("Re-entered 1 stale claimed queue entry into the dispatch pool"));
+    std::vector<std::string> names;
+    DIR* dir = opendir(pq->queue_data_dir.c_str());
+    while (struct dirent* e = readdir(dir)) {
+        if (e->d_name[0] != '.') {
+            names.emplace_back(e->d_name);
+            EXPECT_EQ(e->d_name[0], 'L') << e->d_name;
+        }
+    }
+    closedir(dir);
+    EXPECT_EQ(names.size(), 6u);
+}
