@@ -18,12 +18,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "daemon_process.h"
 #include "log_capture.h"
 #include "nats_server.h"
 #include "qv_json.h"
 #include "qv_log.h"
 #include "qv_nats_client.h"
 #include "qv_pqueue.h"
+#include "qvhlp_network.h"
 #include "qvhlp_path.h"
 #include "qvhlp_replies.h"
 
@@ -238,4 +240,70 @@ TEST_F(LogDispatcherService, ProcessKilledMidBatchLosesNothing) {
     ASSERT_EQ(kill(second, SIGTERM), 0);
     ASSERT_EQ(waitpid(second, &status, 0), second);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// End to end: entries a program queues become lines in the logs of the daemon's own log service.
+TEST(LogDispatcherDaemon, QueuedEntriesBecomeLinesInTheDaemonsLogs) {
+    qvtest::NatsServer server;
+    ASSERT_TRUE(server.start());
+    qvtest::DaemonProcess daemon;
+    daemon.use_nats(server.url());
+    const std::string logs = daemon.basedir() + "/logs";
+    daemon.control_keys["STATUS_LOG_BASEDIR"] = logs + "/status";
+    daemon.control_keys["SCAN_LOG_BASEDIR"] = logs + "/scan";
+    daemon.write_config();
+    ASSERT_TRUE(daemon.start());
+    ASSERT_TRUE(daemon.wait_for_log("Entering main loop")) << daemon.logs();
+
+    qvtest::TempDir run;
+    auto pq = qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 10000, 50000000, O_CREAT,
+                             RINGBUFFER);
+    std::set<std::string> expected;
+    for (int i = 0; i < 12; ++i) {
+        qv::json_ptr msg = qv_log_create_message();
+        qv::json_ptr data(json_object_new_object());
+        json_object_object_add(data.get(), "Message",
+                               json_object_new_string(("ready " + std::to_string(i)).c_str()));
+        ASSERT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", std::move(data)), 0);
+        ASSERT_EQ(qv_log_enqueue(pq.get(), 'L', msg.get()), 0);
+        json_object* ts = nullptr;
+        json_object* id = nullptr;
+        json_object_object_get_ex(msg.get(), "Timestamp", &ts);
+        json_object_object_get_ex(msg.get(), "EventID", &id);
+        expected.insert(std::string(json_object_get_string(ts)) + ";qv-av-control;" +
+                        json_object_get_string(id) + ";" + qvhlp_GetMyFQDN() + ";ready " +
+                        std::to_string(i) + "\r\n");
+    }
+    qv::json_ptr scan = qv_log_create_message_with_eventID("scan-1");
+    qv::json_ptr data(json_object_new_object());
+    json_object_object_add(data.get(), "Filename", json_object_new_string("/in/a.pdf"));
+    json_object_object_add(data.get(), "MIME-type", json_object_new_string("application/pdf"));
+    json_object_object_add(data.get(), "Result-Text", json_object_new_string("clean"));
+    ASSERT_EQ(qv_log_add_scanlog_section(scan.get(), "daily.log", "r2", std::move(data)), 0);
+    ASSERT_EQ(qv_log_enqueue(pq.get(), 'L', scan.get()), 0);
+
+    auto client = qv_nats_config_new();
+    client->server_url = server.url();
+    client->cert_path = qvtest::test_certificates().ca_cert;
+    ASSERT_EQ(qv_nats_init(client.get()), 0);
+    auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), client.get());
+    const std::string status_log = logs + "/status/r1/status.log";
+    const auto status_lines = [&] {
+        std::set<std::string> lines;
+        const std::string text =
+            qvtest::file_exists(status_log) ? qvtest::read_file(status_log) : "";
+        for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
+            lines.insert(text.substr(at, nl + 1 - at));
+        }
+        return lines;
+    };
+    EXPECT_TRUE(qvtest::wait_until([&] { return status_lines() == expected; }));
+    EXPECT_TRUE(qvtest::wait_until([&] {
+        return qvtest::file_exists(logs + "/scan/r2/daily.log") &&
+               qvtest::read_file(logs + "/scan/r2/daily.log").find(";scan-1;") != std::string::npos;
+    }));
+    EXPECT_TRUE(qvtest::wait_until([&] { return files_in(pq->queue_data_dir).empty(); }));
+    dispatcher.reset();
+    qv_nats_deinit(client.get());
+    EXPECT_EQ(daemon.stop(), 0);
 }
