@@ -1,6 +1,7 @@
 #include "qv_json.h"
 
 #include <cctype>
+#include <cstdio>
 #include <string>
 
 #include "log.h"
@@ -35,19 +36,41 @@ qv::json_ptr qv_json_parse(std::string_view text, const char** error) {
     return obj;
 }
 
-const char* qv_json_get_required_string(json_object* object, const char* key) {
+const char* qv_json_get_required_string(json_object* object, const char* key, std::string* reason) {
     json_object* member = nullptr;
-    if (object == nullptr || !json_object_object_get_ex(object, key, &member) ||
-        !json_object_is_type(member, json_type_string)) {
-        log_error("Failed to read %s from JSON", key);
-        return nullptr;
+    const bool present = object != nullptr && json_object_object_get_ex(object, key, &member);
+    const char* format = nullptr;
+    const char* value = nullptr;
+    if (present && member == nullptr) {
+        format = "Key %s found, but value is empty";
+    } else if (!present || !json_object_is_type(member, json_type_string)) {
+        format = "Failed to read %s from JSON";
+    } else {
+        value = json_object_get_string(member);
+        if (value == nullptr || value[0] == '\0') {
+            value = nullptr;
+            format = "Key %s found, but value is empty";
+        }
     }
-    const char* value = json_object_get_string(member);
-    if (value == nullptr || value[0] == '\0') {
-        log_error("Key %s found, but value is empty", key);
-        return nullptr;
+    if (value == nullptr) {
+        char text[512];
+        snprintf(text, sizeof(text), format, key);
+        log_error("%s", text);
+        if (reason != nullptr) {
+            *reason = text;
+        }
     }
     return value;
+}
+
+std::string qv_json_get_optional_string(json_object* object, const char* key) {
+    json_object* member = nullptr;
+    if (object == nullptr || !json_object_object_get_ex(object, key, &member) ||
+        member == nullptr) {
+        return "";
+    }
+    const char* value = json_object_get_string(member);
+    return value != nullptr ? value : "";
 }
 
 std::string qv_json_to_string(json_object* object) {

@@ -8,7 +8,11 @@
 // Parses a whole text; null on failure, with the tokener's error text in *error when given.
 qv::json_ptr qv_json_parse(std::string_view text, const char** error = nullptr);
 // A required string member: a missing (or non-string) member logs "Failed to read %s from
-// JSON", an empty one "Key %s found, but value is empty"; both give null.
-const char* qv_json_get_required_string(json_object* object, const char* key);
+// JSON", an empty or null one "Key %s found, but value is empty"; both give null, and the logged
+// text goes to *reason when given (for error replies that repeat it).
+const char* qv_json_get_required_string(json_object* object, const char* key,
+                                        std::string* reason = nullptr);
+// An optional member as text: absent or null is the empty text, a number its decimal text.
+std::string qv_json_get_optional_string(json_object* object, const char* key);
 // Plain, unindented text of the object, with '/' left unescaped.
 std::string qv_json_to_string(json_object* object);

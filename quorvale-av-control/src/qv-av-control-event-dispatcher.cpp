@@ -31,31 +31,6 @@ constexpr int kForwardRetries = 3;
 constexpr const char* kForwardFailedText = "Failed to send event to handler";
 constexpr const char* kBucket = QV_KV_EVENT_SUBSCRIPTIONS_BUCKET;
 
-// The text qv_json_get_required_string logged when it refused `key`: an empty string member is
-// "found but empty", anything else was not read.
-std::string s_required_string_error(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    const bool empty = json_object_object_get_ex(object, key, &member) &&
-                       json_object_is_type(member, json_type_string);
-    char text[256];
-    if (empty) {
-        snprintf(text, sizeof(text), "Key %s found, but value is empty", key);
-    } else {
-        snprintf(text, sizeof(text), "Failed to read %s from JSON", key);
-    }
-    return text;
-}
-
-// An optional string member; a missing or null member is the empty text.
-std::string s_optional_string(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    if (!json_object_object_get_ex(object, key, &member) || member == nullptr) {
-        return "";
-    }
-    const char* value = json_object_get_string(member);
-    return value != nullptr ? value : "";
-}
-
 // 1 when `name` matches one of the ';'-separated wildcard patterns of `list` (case-sensitive).
 // Empty pieces between separators are no patterns, so a list of separators only matches nothing;
 // a list without any separator is one pattern, so the empty list matches only the empty name.
@@ -210,17 +185,18 @@ qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_conf
     bool failed = true;
     json_object* event = nullptr;
     const char* component = nullptr;
+    std::string reason;
     if (!json_object_object_get_ex(request, "Event", &event)) {
         log_warn("Ignoring malformed Event request - no Event object found");
         qv_reply_set_ERROR(&reply, SERVICE_ERROR, "");
-    } else if ((component = qv_json_get_required_string(request, "Component")) == nullptr) {
-        qv_reply_set_ERROR(&reply, SERVICE_ERROR,
-                           s_required_string_error(request, "Component").c_str());
+    } else if ((component = qv_json_get_required_string(request, "Component", &reason)) ==
+               nullptr) {
+        qv_reply_set_ERROR(&reply, SERVICE_ERROR, reason.c_str());
     } else {
         log_trace("Handling Event");
-        const std::string hostname = s_optional_string(request, "Hostname");
-        const std::string realm = s_optional_string(request, "realmID");
-        const std::string sid = s_optional_string(request, "SID");
+        const std::string hostname = qv_json_get_optional_string(request, "Hostname");
+        const std::string realm = qv_json_get_optional_string(request, "realmID");
+        const std::string sid = qv_json_get_optional_string(request, "SID");
         log_debug("Dispatch: event filter Hostname='%s' realmID='%s' SID='%s' Component='%s'",
                   hostname.c_str(), realm.c_str(), sid.c_str(), component);
 
@@ -369,10 +345,10 @@ void qvctrl_event_sub_apply_put(quorvale_control_config_t* config, const char* k
         log_warn("event-sub: could not parse subscription value for service '%s'", key);
         return;
     }
-    const std::string realm = s_optional_string(value.get(), "realmID");
-    const std::string sid = s_optional_string(value.get(), "SID");
-    const std::string hostname = s_optional_string(value.get(), "Hostname");
-    const std::string modules = s_optional_string(value.get(), "Modules");
+    const std::string realm = qv_json_get_optional_string(value.get(), "realmID");
+    const std::string sid = qv_json_get_optional_string(value.get(), "SID");
+    const std::string hostname = qv_json_get_optional_string(value.get(), "Hostname");
+    const std::string modules = qv_json_get_optional_string(value.get(), "Modules");
 
     std::lock_guard<std::mutex> lock(config->event_workers_listmutex);
     auto& handlers = config->event_workers_list;

@@ -53,28 +53,6 @@ int s_get_int(json_object* object, const char* key) {
     return member != nullptr ? json_object_get_int(member) : 0;
 }
 
-// An optional text member; absent or null reads as empty, a number as its text.
-std::string s_get_optional_string(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    if (!json_object_object_get_ex(object, key, &member) || member == nullptr) {
-        return "";
-    }
-    const char* value = json_object_get_string(member);
-    return value != nullptr ? value : "";
-}
-
-// Why qv_json_get_required_string refused `key`, in its own words, for the reply.
-std::string s_required_string_error(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    const bool empty = json_object_object_get_ex(object, key, &member) &&
-                       json_object_is_type(member, json_type_string) &&
-                       json_object_get_string_len(member) == 0;
-    char text[256];
-    snprintf(text, sizeof(text),
-             empty ? "Key %s found, but value is empty" : "Failed to read %s from JSON", key);
-    return text;
-}
-
 __attribute__((format(printf, 2, 3))) bool s_format_line(std::string* out, const char* format,
                                                          ...) {
     va_list args;
@@ -226,7 +204,7 @@ struct s_scan_fields {
 };
 
 bool s_read_scan_fields(json_object* logdata, s_scan_fields* f) {
-    f->sid = s_get_optional_string(logdata, "SID");
+    f->sid = qv_json_get_optional_string(logdata, "SID");
     const char* filename = qv_json_get_required_string(logdata, "Filename");
     if (filename == nullptr) {
         return false;
@@ -243,7 +221,7 @@ bool s_read_scan_fields(json_object* logdata, s_scan_fields* f) {
         return false;
     }
     f->result_text = result_text;
-    f->reason_text = s_get_optional_string(logdata, "Reason-Text");
+    f->reason_text = qv_json_get_optional_string(logdata, "Reason-Text");
     f->duration = s_get_int64(logdata, "Duration");
     return true;
 }
@@ -293,15 +271,15 @@ int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_rep
     std::string* const required[] = {&common.timestamp, &common.component, &common.eventID};
     const char* const required_keys[] = {"Timestamp", "Component", "EventID"};
     for (size_t i = 0; i < 3; ++i) {
-        const char* value = qv_json_get_required_string(msg, required_keys[i]);
+        std::string reason;
+        const char* value = qv_json_get_required_string(msg, required_keys[i], &reason);
         if (value == nullptr) {
-            qv_reply_set_ERROR(rr->reply, SERVICE_ERROR,
-                               s_required_string_error(msg, required_keys[i]).c_str());
+            qv_reply_set_ERROR(rr->reply, SERVICE_ERROR, reason.c_str());
             return -1;
         }
         *required[i] = value;
     }
-    common.source = s_get_optional_string(msg, "Hostname");
+    common.source = qv_json_get_optional_string(msg, "Hostname");
     common.epoch = s_get_int64(msg, "Timestamp_epoch");
 
     // A section that cannot be written is logged by its writer and does not stop the others.
@@ -405,8 +383,8 @@ int s_write_epolog(json_object* message, quorvale_control_config_t* config,
             return -1;
         }
     }
-    const std::string lib_version = s_get_optional_string(logdata, "Lib-Version");
-    const std::string dat_version = s_get_optional_string(logdata, "DAT-Version");
+    const std::string lib_version = qv_json_get_optional_string(logdata, "Lib-Version");
+    const std::string dat_version = qv_json_get_optional_string(logdata, "DAT-Version");
     std::string line;
     if (!s_format_line(&line, "%s;%d;%d;%s;%s;%s;%s;%s;%s;%s;%s\r\n",
                        s_epo_product_code(common.component), timestamp, event_id, required[0],

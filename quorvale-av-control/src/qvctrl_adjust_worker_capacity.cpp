@@ -12,7 +12,7 @@
 #include "log.h"
 #include "qv_connection_client.h"
 #include "qvctrl_flush_worker_caches.h"
-#include "qvctrl_json_members.h"
+#include "qv_json.h"
 #include "qvhlp_network.h"
 #include "qvhlp_replies.h"
 
@@ -56,7 +56,7 @@ driver_data s_read_driver_data(json_object* registration) {
         return d;
     }
     d.present = true;
-    if (const char* name = qvctrl_json_get_required_string(registration, "DriverName", nullptr)) {
+    if (const char* name = qv_json_get_required_string(registration, "DriverName", nullptr)) {
         d.driver_name = name;
     }
     d.major_version = s_optional_int(registration, "MajorVersion");
@@ -80,7 +80,7 @@ qv_message_t qvctrl_handle_service_registration(quorvale_control_config_t* confi
     log_trace("Entering");
     qv_message_t reply;
     std::string reason;
-    const char* worker_name = qvctrl_json_get_required_string(request_json, "worker-name", &reason);
+    const char* worker_name = qv_json_get_required_string(request_json, "worker-name", &reason);
     if (worker_name == nullptr) {
         qv_reply_set_ERROR(&reply, SERVICE_ERROR, reason.c_str());
         log_trace("Exiting");
@@ -111,16 +111,16 @@ int qvctrl_apply_worker_registration(quorvale_control_config_t* config,
         return -1;
     }
     const char* service_name =
-        qvctrl_json_get_required_string(registration_json, "service-name", nullptr);
+        qv_json_get_required_string(registration_json, "service-name", nullptr);
     if (service_name == nullptr) {
         return -1;
     }
     const char* worker_name =
-        qvctrl_json_get_required_string(registration_json, "worker-name", nullptr);
+        qv_json_get_required_string(registration_json, "worker-name", nullptr);
     if (worker_name == nullptr) {
         return -1;
     }
-    const char* secret = qvctrl_json_get_required_string(registration_json, "Secret", nullptr);
+    const char* secret = qv_json_get_required_string(registration_json, "Secret", nullptr);
     if (secret == nullptr) {
         return -1;
     }

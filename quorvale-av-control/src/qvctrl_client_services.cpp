@@ -3,7 +3,7 @@
 #include <string>
 
 #include "log.h"
-#include "qvctrl_json_members.h"
+#include "qv_json.h"
 #include "qvhlp_replies.h"
 
 qv_message_t qvctrl_handle_client_services_request(json_object* request,
@@ -11,13 +11,13 @@ qv_message_t qvctrl_handle_client_services_request(json_object* request,
     log_trace("Entering");
     qv_message_t reply;
     std::string reason;
-    const char* realm = qvctrl_json_get_required_string(request, "realmID", &reason);
+    const char* realm = qv_json_get_required_string(request, "realmID", &reason);
     const char* SID =
-        realm != nullptr ? qvctrl_json_get_required_string(request, "SID", &reason) : nullptr;
+        realm != nullptr ? qv_json_get_required_string(request, "SID", &reason) : nullptr;
     const char* hostname =
-        SID != nullptr ? qvctrl_json_get_required_string(request, "Hostname", &reason) : nullptr;
+        SID != nullptr ? qv_json_get_required_string(request, "Hostname", &reason) : nullptr;
     const char* service = hostname != nullptr
-                              ? qvctrl_json_get_required_string(request, "Servicename", &reason)
+                              ? qv_json_get_required_string(request, "Servicename", &reason)
                               : nullptr;
     if (service == nullptr) {
         qv_reply_set_ERROR(&reply, -1, reason.c_str());

@@ -273,13 +273,12 @@ void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_par
             break;
         }
         if (!config->cloud_mode && !config->cloud_management) {
-            qvctrl_check_flush_config_caches(
-                config, "qv-av-mimescan", s_config_dir(config->basedir, "mime").c_str(),
-                &s_mime_dir_modification_time);
-            qvctrl_check_flush_config_caches(
-                config, "qv-av-activecontent",
-                s_config_dir(config->basedir, "activecontent").c_str(),
-                &s_activecontent_dir_modification_time);
+            qvctrl_check_flush_config_caches(config, "qv-av-mimescan",
+                                             s_config_dir(config->basedir, "mime").c_str(),
+                                             &s_mime_dir_modification_time);
+            qvctrl_check_flush_config_caches(config, "qv-av-activecontent",
+                                             s_config_dir(config->basedir, "activecontent").c_str(),
+                                             &s_activecontent_dir_modification_time);
         }
         malloc_trim(0);
     }
