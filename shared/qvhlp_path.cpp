@@ -92,15 +92,15 @@ std::string qvhlp_unix_path_normalize(std::string_view path) {
         }
         pos = next + 1;
     }
-    std::string out = absolute ? "/" : "";
-    for (size_t k = 0; k < parts.size(); ++k) {
-        if (k > 0) {
-            out += '/';
+    std::string out;
+    for (std::string_view part : parts) {
+        if (!out.empty() || absolute) {
+            out.push_back('/');
         }
-        out += parts[k];
+        out.append(part.data(), part.size());
     }
     if (out.empty()) {
-        out = ".";
+        out = absolute ? "/" : ".";
     }
     return out;
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "log.h"
+#include "qvhlp_string.h"
 
 int qv_reply_set_OK(qv_message_t* reply) {
     return qv_reply_set_return_code(reply, 0);
@@ -25,10 +26,9 @@ int qv_reply_set_ERROR(qv_message_t* reply, int rc, const char* text) {
         return -1;
     }
     const char* reason = text != nullptr ? text : "(null)";
-    int n = snprintf(nullptr, 0, "{\"ReturnCode\": %d, \"Error\": \"%s\"}", rc, reason);
-    std::string out(static_cast<size_t>(n) + 1, '\0');
-    snprintf(out.data(), out.size(), "{\"ReturnCode\": %d, \"Error\": \"%s\"}", rc, reason);
-    out.resize(static_cast<size_t>(n));
-    reply->json_txt = std::move(out);
+    if (!qvhlp_format(&reply->json_txt, "{\"ReturnCode\": %d, \"Error\": \"%s\"}", rc, reason)) {
+        log_error("Failed to allocate %s", "*json_txt");
+        return -1;
+    }
     return 0;
 }

@@ -1,5 +1,8 @@
 #include "qvhlp_string.h"
 
+#include <cstdarg>
+#include <cstdio>
+
 #include "log.h"
 
 namespace {
@@ -72,4 +75,23 @@ int qvhlp_WildcardTextMatch(const char* text, const char* pattern, int case_sens
         }
         ++text;
     }
+}
+
+bool qvhlp_format(std::string* out, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int n = vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    if (n < 0) {
+        va_end(again);
+        return false;
+    }
+    std::string text(static_cast<size_t>(n) + 1, '\0');
+    vsnprintf(text.data(), text.size(), format, again);
+    va_end(again);
+    text.resize(static_cast<size_t>(n));
+    *out = std::move(text);
+    return true;
 }

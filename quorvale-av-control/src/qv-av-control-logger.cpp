@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "log.h"
+#include "qvhlp_string.h"
 #include "qv_handles.h"
 #include "qv_json.h"
 #include "qvhlp_archive.h"
@@ -51,25 +52,6 @@ int64_t s_get_int64(json_object* object, const char* key) {
 int s_get_int(json_object* object, const char* key) {
     json_object* member = s_get_number_member(object, key);
     return member != nullptr ? json_object_get_int(member) : 0;
-}
-
-__attribute__((format(printf, 2, 3))) bool s_format_line(std::string* out, const char* format,
-                                                         ...) {
-    va_list args;
-    va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    const int n = vsnprintf(nullptr, 0, format, args);
-    va_end(args);
-    if (n < 0) {
-        va_end(again);
-        return false;
-    }
-    out->assign(static_cast<size_t>(n) + 1, '\0');
-    vsnprintf(out->data(), out->size(), format, again);
-    va_end(again);
-    out->resize(static_cast<size_t>(n));
-    return true;
 }
 
 // The "LogData" object of a section; null, with the reason traced, when either is missing.
@@ -317,16 +299,16 @@ int s_write_scan_or_block(json_object* message, quorvale_control_config_t* confi
     }
     std::string line;
     const bool formatted =
-        scan ? s_format_line(&line, "%s;%s;%s;%s;%s;%s;%ld;%s;%s;%s;%ld ms\r\n",
-                             common.timestamp.c_str(), common.component.c_str(),
-                             common.eventID.c_str(), common.source.c_str(), f.sid.c_str(),
-                             f.filename.c_str(), f.file_size, f.mime_type.c_str(),
-                             f.result_text.c_str(), f.reason_text.c_str(), f.duration)
-             : s_format_line(&line, "%s;%s;%s;%s;%s;%s;%ld bytes;%s;%s;%s;%ld ms\r\n",
-                             common.timestamp.c_str(), common.component.c_str(),
-                             common.eventID.c_str(), common.source.c_str(), f.sid.c_str(),
-                             f.filename.c_str(), f.file_size, f.mime_type.c_str(),
-                             f.result_text.c_str(), f.reason_text.c_str(), f.duration);
+        scan ? qvhlp_format(&line, "%s;%s;%s;%s;%s;%s;%ld;%s;%s;%s;%ld ms\r\n",
+                            common.timestamp.c_str(), common.component.c_str(),
+                            common.eventID.c_str(), common.source.c_str(), f.sid.c_str(),
+                            f.filename.c_str(), f.file_size, f.mime_type.c_str(),
+                            f.result_text.c_str(), f.reason_text.c_str(), f.duration)
+             : qvhlp_format(&line, "%s;%s;%s;%s;%s;%s;%ld bytes;%s;%s;%s;%ld ms\r\n",
+                            common.timestamp.c_str(), common.component.c_str(),
+                            common.eventID.c_str(), common.source.c_str(), f.sid.c_str(),
+                            f.filename.c_str(), f.file_size, f.mime_type.c_str(),
+                            f.result_text.c_str(), f.reason_text.c_str(), f.duration);
     if (!formatted) {
         log_error(scan ? "Failed to create log line for ScanLog"
                        : "Failed to create log line for BlockLog");
@@ -386,10 +368,10 @@ int s_write_epolog(json_object* message, quorvale_control_config_t* config,
     const std::string lib_version = qv_json_get_optional_string(logdata, "Lib-Version");
     const std::string dat_version = qv_json_get_optional_string(logdata, "DAT-Version");
     std::string line;
-    if (!s_format_line(&line, "%s;%d;%d;%s;%s;%s;%s;%s;%s;%s;%s\r\n",
-                       s_epo_product_code(common.component), timestamp, event_id, required[0],
-                       required[1], required[2], required[3], required[4], lib_version.c_str(),
-                       dat_version.c_str(), common.source.c_str())) {
+    if (!qvhlp_format(&line, "%s;%d;%d;%s;%s;%s;%s;%s;%s;%s;%s\r\n",
+                      s_epo_product_code(common.component), timestamp, event_id, required[0],
+                      required[1], required[2], required[3], required[4], lib_version.c_str(),
+                      dat_version.c_str(), common.source.c_str())) {
         log_error("Failed to create log line for EPOLog");
         return -1;
     }
@@ -432,9 +414,9 @@ int s_write_common(json_object* message, quorvale_control_config_t* config,
         return -1;
     }
     std::string line;
-    if (!s_format_line(&line, "%s;%s;%s;%s;%s\r\n", common.timestamp.c_str(),
-                       common.component.c_str(), common.eventID.c_str(), common.source.c_str(),
-                       text)) {
+    if (!qvhlp_format(&line, "%s;%s;%s;%s;%s\r\n", common.timestamp.c_str(),
+                      common.component.c_str(), common.eventID.c_str(), common.source.c_str(),
+                      text)) {
         log_error("Failed to create log line for %s", section_key);
         return -1;
     }

@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
+
 #include <ctime>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -44,9 +45,17 @@ qv::json_ptr message_data(const char* text) {
 TEST(LogEvents, EnvelopeAndLogSectionsHaveTheirExactText) {
     qv::json_ptr msg = qv_log_create_message();
     ASSERT_TRUE(msg);
-    EXPECT_TRUE(std::regex_match(
-        member(msg.get(), "EventID"),
-        std::regex("[0-9a-f]{8}-[0-9a-f]{4}-1[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}")));
+    // A time-based UUID in lower case: 8-4-4-4-12 hexadecimal digits, version 1.
+    const std::string id = member(msg.get(), "EventID");
+    ASSERT_EQ(id.size(), 36u);
+    for (size_t i = 0; i < id.size(); ++i) {
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            EXPECT_EQ(id[i], '-') << id;
+        } else {
+            EXPECT_TRUE(isxdigit(static_cast<unsigned char>(id[i])) && !isupper(id[i])) << id;
+        }
+    }
+    EXPECT_EQ(id[14], '1') << id;
     const time_t t = std::stol(member(msg.get(), "Timestamp_epoch"));
     struct tm utc {};
     char stamp[64];
