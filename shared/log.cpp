@@ -4,7 +4,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <atomic>
 #include <cstring>
+#include <mutex>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -15,37 +17,58 @@ const char* qv__progname = "qv-av-control";
 
 namespace {
 
-// The logger state is written during start-up and shutdown only, while no worker thread logs;
-// lines read it without a lock. It is trivially destructible so that a detached thread that logs
-// while the process exits never meets a destroyed object.
+// The logger state. The level and the screen switches are plain atomics. The file part (name,
+// lock, size limit) is one record published by pointer: a line reads it once, so it never mixes
+// the lock of one configuration with the file of another. Records come from a small ring and are
+// never freed; the state is trivially destructible, so a detached thread that logs while the
+// process exits never meets a destroyed object.
+struct file_sink {
+    char filename[4096];
+    log_LockFn lock;
+    void* udata;
+    size_t maxsize_mb;
+};
+
+constexpr size_t s_sink_slots = 16;
+file_sink s_sinks[s_sink_slots];
+std::atomic<size_t> s_next_sink{1};
+std::mutex s_sink_writer;  // setters only; lines never take it
+
 struct logger_state {
-    void* udata = nullptr;
-    log_LockFn lock = nullptr;
-    int level = QVLOG_OFF;
-    int quiet = 0;
-    size_t maxsize_mb = 0;
-    char filename[4096] = {};
-    bool trace_to_screen = false;
+    std::atomic<const file_sink*> sink{&s_sinks[0]};
+    std::atomic<int> level{QVLOG_OFF};
+    std::atomic<int> quiet{0};
+    std::atomic<bool> trace_to_screen{false};
 };
 
 logger_state L;
+
+// Publishes a copy of the current sink changed by `change`.
+template <typename Change>
+void s_update_sink(Change change) {
+    std::lock_guard<std::mutex> guard(s_sink_writer);
+    file_sink* next = &s_sinks[s_next_sink.fetch_add(1) % s_sink_slots];
+    *next = *L.sink.load();
+    change(*next);
+    L.sink.store(next);
+}
 
 const char* const level_names[] = {"OFF", "FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
 const char* const level_colors[] = {"\033[94m", "\033[36m", "\033[31m", "\033[33m",
                                     "\033[32m", "\033[35m", "\033[34m"};
 
-int lock() {
-    if (L.lock == nullptr) {
+int lock(const file_sink& sink) {
+    if (sink.lock == nullptr) {
         return 0;
     }
-    return L.lock(L.udata, 1);
+    return sink.lock(sink.udata, 1);
 }
 
-int unlock() {
-    if (L.lock == nullptr) {
+int unlock(const file_sink& sink) {
+    if (sink.lock == nullptr) {
         return -1;
     }
-    return L.lock(L.udata, 0);
+    return sink.lock(sink.udata, 0);
 }
 
 void s_format_stamp(char (&stamp)[42]) {
@@ -75,10 +98,12 @@ const char* s_level_color(int level) {
 void log_log(int level, const char* function, const char* file, int line, const char* format, ...) {
     // Without a trace file, errors still reach standard error (unless the screen is quiet)
     // whatever the level: a process that cannot start must be able to say why.
-    const bool no_file = L.filename[0] == '\0';
+    const file_sink& sink = *L.sink.load();
+    const int configured = L.level.load();
+    const bool no_file = sink.filename[0] == '\0';
     const bool error_fallback =
-        no_file && L.quiet == 0 && level >= QVLOG_FATAL && level <= QVLOG_ERROR;
-    if (level > L.level && !error_fallback) {
+        no_file && L.quiet.load() == 0 && level >= QVLOG_FATAL && level <= QVLOG_ERROR;
+    if (level > configured && !error_fallback) {
         return;
     }
     if (no_file && !L.trace_to_screen && !error_fallback) {
@@ -89,7 +114,7 @@ void log_log(int level, const char* function, const char* file, int line, const 
     const int pid = getpid();
     const unsigned long tid = static_cast<unsigned long>(pthread_self());
 
-    if (L.quiet == 0 || L.trace_to_screen) {
+    if (L.quiet.load() == 0 || L.trace_to_screen) {
         va_list args;
         va_start(args, format);
         fprintf(stderr, "[%s] %s%-5s PID: %6d TID: %6lu %s:%s(): ", stamp, s_level_color(level),
@@ -100,8 +125,8 @@ void log_log(int level, const char* function, const char* file, int line, const 
         va_end(args);
     }
 
-    if (L.filename[0] != '\0') {
-        if (lock() == -1) {
+    if (!no_file) {
+        if (lock(sink) == -1) {
             static const char lost[] =
                 "quorvale Anti-Virus: Debug-trace semaphore timeout. Trace line was possibly "
                 "lost!\r\n";
@@ -109,10 +134,10 @@ void log_log(int level, const char* function, const char* file, int line, const 
             fwrite(lost, 1, sizeof(lost), stderr);
             return;
         }
-        if (L.maxsize_mb != 0) {
-            QVLogCheckLogSwitch(L.filename, L.maxsize_mb);
+        if (sink.maxsize_mb != 0) {
+            QVLogCheckLogSwitch(sink.filename, sink.maxsize_mb);
         }
-        FILE* fp = fopen(L.filename, "a");
+        FILE* fp = fopen(sink.filename, "a");
         if (fp != nullptr) {
             va_list args;
             va_start(args, format);
@@ -120,25 +145,25 @@ void log_log(int level, const char* function, const char* file, int line, const 
                     tid, qv__progname, function);
             vfprintf(fp, format, args);
             va_end(args);
-            if (L.level == QVLOG_TRACE) {
+            if (configured == QVLOG_TRACE) {
                 fprintf(fp, " (%s:%d)", file, line);
             }
             fputc('\n', fp);
             fflush(fp);
             fclose(fp);
         }
-        unlock();
+        unlock(sink);
     }
 }
 
 void log_set_udata(void* udata) {
-    L.udata = udata;
+    s_update_sink([udata](file_sink& s) { s.udata = udata; });
 }
 void* log_get_udata() {
-    return L.udata;
+    return L.sink.load()->udata;
 }
 void log_set_lock(log_LockFn fn) {
-    L.lock = fn;
+    s_update_sink([fn](file_sink& s) { s.lock = fn; });
 }
 void log_set_level(int level) {
     L.level = level;
@@ -150,16 +175,19 @@ void log_set_quiet(int enable) {
     L.quiet = enable != 0;
 }
 void log_set_filename(const char* filename) {
-    snprintf(L.filename, sizeof(L.filename), "%s", filename != nullptr ? filename : "");
+    s_update_sink([filename](file_sink& s) {
+        snprintf(s.filename, sizeof(s.filename), "%s", filename != nullptr ? filename : "");
+    });
 }
 const char* log_get_filename() {
-    return L.filename[0] == '\0' ? nullptr : L.filename;
+    const file_sink* sink = L.sink.load();
+    return sink->filename[0] == '\0' ? nullptr : sink->filename;
 }
 void log_set_maxsize(size_t megabytes) {
-    L.maxsize_mb = megabytes;
+    s_update_sink([megabytes](file_sink& s) { s.maxsize_mb = megabytes; });
 }
 size_t log_get_maxsize() {
-    return L.maxsize_mb;
+    return L.sink.load()->maxsize_mb;
 }
 void log_set_screentrace(int enable) {
     L.trace_to_screen = enable != 0;

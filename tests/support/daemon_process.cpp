@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +68,8 @@ bool DaemonProcess::start(const std::vector<std::string>& args, const Keys& env)
     }
     pid_t pid = fork();
     if (pid == 0) {
+        // A console-mode daemon goes with the test process, even when that one dies uncleanly.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         int fd = open(output_path().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         int null_fd = open("/dev/null", O_RDONLY);
         dup2(null_fd, 0);

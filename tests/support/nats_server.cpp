@@ -5,6 +5,8 @@
 #include <stdexcept>
 
 #include "qv_nats_client.h"
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,6 +76,13 @@ bool NatsServer::start() {
     const std::string log_path = dir_ / "nats.log";
     pid_t pid = fork();
     if (pid == 0) {
+        // The server goes with the test process, even when that one dies without cleaning up;
+        // and it keeps none of the test's output descriptors open (the test runner waits on them).
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int null_fd = open("/dev/null", O_RDWR);
+        dup2(null_fd, 0);
+        dup2(null_fd, 1);
+        dup2(null_fd, 2);
         execlp("nats-server", "nats-server", "-c", conf_path.c_str(), "-l", log_path.c_str(),
                static_cast<char*>(nullptr));
         _exit(127);
