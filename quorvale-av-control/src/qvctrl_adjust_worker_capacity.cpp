@@ -178,34 +178,35 @@ int qvctrl_apply_worker_registration(quorvale_control_config_t* config,
     return 0;
 }
 
-qvhlp_list<qv_active_worker_t>::element qvctrl_find_worker_by_name(
-    qvhlp_list<qv_active_worker_t>* list, const char* name) {
+namespace {
+
+// The first worker whose `field` equals `name`.
+qvhlp_list<qv_active_worker_t>::element s_find_worker(qvhlp_list<qv_active_worker_t>* list,
+                                                      const char* name,
+                                                      std::string qv_active_worker_t::*field) {
     if (list == nullptr || name == nullptr) {
         return nullptr;
     }
     auto walk = list->iterator_wait(250, 0, 25);
     while (walk.hasnext()) {
         auto worker = walk.next();
-        if (worker && worker->controlservicename == name) {
+        if (worker && (*worker).*field == name) {
             return worker;
         }
     }
     return nullptr;
 }
 
+}  // namespace
+
+qvhlp_list<qv_active_worker_t>::element qvctrl_find_worker_by_name(
+    qvhlp_list<qv_active_worker_t>* list, const char* name) {
+    return s_find_worker(list, name, &qv_active_worker_t::controlservicename);
+}
+
 qvhlp_list<qv_active_worker_t>::element qvctrl_find_worker_by_servicename(
     qvhlp_list<qv_active_worker_t>* list, const char* name) {
-    if (list == nullptr || name == nullptr) {
-        return nullptr;
-    }
-    auto walk = list->iterator_wait(250, 0, 25);
-    while (walk.hasnext()) {
-        auto worker = walk.next();
-        if (worker && worker->servicename == name) {
-            return worker;
-        }
-    }
-    return nullptr;
+    return s_find_worker(list, name, &qv_active_worker_t::servicename);
 }
 
 int qvctrl_worker_is_local(const qv_active_worker_t* worker) {

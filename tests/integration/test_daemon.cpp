@@ -78,6 +78,10 @@ TEST(Daemon, StartsServesPingAndStopsCleanly) {
     EXPECT_EQ(client.raw("{\"Command\": 4}"), "{\"ReturnCode\":-1}");
     EXPECT_EQ(client.raw("{\"Command\": "), "{\"ReturnCode\":-1}");
     EXPECT_EQ(client.raw("{}"), "{\"ReturnCode\":-1}");
+    // A staged payload that cannot be fetched fails the request closed, handler not called.
+    EXPECT_EQ(client.raw("{\"Command\": 3, \"_kv_key\": \"scan-missing\"}"),
+              "{\"ReturnCode\":-1000,\"Error\":\"Scan data unavailable: staged payload could not "
+              "be retrieved from the KV store\"}");
 
     EXPECT_EQ(qvtest::read_file(d.basedir() + "/qv-av-control/.running_version"),
               "quorvale Anti-Virus 4.0.5 Build 136\r\nqv-av-control v.2.2\n ");
@@ -247,8 +251,9 @@ TEST(Daemon, FailedStartPhaseIsRetriedUntilSigterm) {
     d.control_keys["SHUTDOWN_DELAY"] = "1";
     d.write_config();
     ASSERT_TRUE(d.start());
-    const std::string failure = "Failed to create epolog service (qv-av-epolog) service handler "
-                                "threads";
+    const std::string failure =
+        "Failed to create epolog service (qv-av-epolog) service handler "
+        "threads";
     // Counted in the trace file only (the console copy repeats every line).
     auto count = [&] {
         const std::string logs = qvtest::read_file(d.trace_path());
