@@ -73,6 +73,15 @@ std::string qv_json_get_optional_string(json_object* object, const char* key) {
     return value != nullptr ? value : "";
 }
 
+int qv_json_get_command(json_object* request, int absent) {
+    json_object* member = nullptr;
+    if (request == nullptr || !json_object_object_get_ex(request, "Command", &member)) {
+        log_warn("Object %s not found", "Command");
+        return absent;
+    }
+    return json_object_get_int(member);
+}
+
 std::string qv_json_to_string(json_object* object) {
     const char* text = json_object_to_json_string_ext(
         object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);

@@ -14,5 +14,8 @@ const char* qv_json_get_required_string(json_object* object, const char* key,
                                         std::string* reason = nullptr);
 // An optional member as text: absent or null is the empty text, a number its decimal text.
 std::string qv_json_get_optional_string(json_object* object, const char* key);
+// The request's integer "Command"; `absent` (with the warning "Object Command not found") when
+// the member is missing.
+int qv_json_get_command(json_object* request, int absent);
 // Plain, unindented text of the object, with '/' left unescaped.
 std::string qv_json_to_string(json_object* object);

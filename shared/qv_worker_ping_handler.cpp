@@ -2,6 +2,7 @@
 
 #include "log.h"
 #include "qv_handles.h"
+#include "qv_json.h"
 #include "qvhlp_replies.h"
 
 int qv_worker_ping_request_handler(void* /*context*/, qv_const_request_reply_t* rr) {
@@ -29,13 +30,7 @@ int qv_worker_ping_request_handler(void* /*context*/, qv_const_request_reply_t* 
             log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
                       json_tokener_error_desc(json_tokener_get_error(tok.get())));
         } else {
-            int command = -1;
-            json_object* member = nullptr;
-            if (json_object_object_get_ex(request.get(), "Command", &member)) {
-                command = json_object_get_int(member);
-            } else {
-                log_warn("Object %s not found", "Command");
-            }
+            const int command = qv_json_get_command(request.get(), -1);
             if (command != PING_SERVICE) {
                 log_error("Invalid command code: %d", command);
             } else {

@@ -68,13 +68,7 @@ int s_handle_request(quorvale_control_config_t* config, qv_const_request_reply_t
         }
         return -1;
     }
-    int command = 0;
-    json_object* member = nullptr;
-    if (!json_object_object_get_ex(request.get(), "Command", &member) || member == nullptr) {
-        log_warn("Object %s not found", "Command");
-    } else {
-        command = json_object_get_int(member);
-    }
+    const int command = qv_json_get_command(request.get(), 0);
     log_debug("CommandCode: %d", command);
     if (command != EPOLOG_GET_LOG) {
         log_error("Ignoring invalid request: %d", command);

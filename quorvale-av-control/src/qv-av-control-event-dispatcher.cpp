@@ -287,13 +287,7 @@ int s_handle_request(quorvale_control_config_t* config, qv_const_request_reply_t
     }
     tok.reset();
 
-    int command = -1;
-    json_object* member = nullptr;
-    if (json_object_object_get_ex(request.get(), "Command", &member)) {
-        command = json_object_get_int(member);
-    } else {
-        log_warn("Object %s not found", "Command");
-    }
+    const int command = qv_json_get_command(request.get(), -1);
     switch (command) {
         case EVENTHANDLER_REGISTRATION:
             *rr->reply = s_qvctrl_handle_eventhandler_registration(request.get(), config);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "log.h"
+#include "qv_json.h"
 #include "qv_handles.h"
 #include "qvctrl_adjust_worker_capacity.h"
 #include "qvctrl_client_services.h"
@@ -31,22 +32,12 @@ qv::json_ptr s_decode_request(const std::string& text) {
     return request;
 }
 
-// "Command", or -1 when the request has none.
-int s_command_of(json_object* request) {
-    json_object* member = nullptr;
-    if (!json_object_object_get_ex(request, "Command", &member)) {
-        log_warn("Object %s not found", "Command");
-        return -1;
-    }
-    return json_object_get_int(member);
-}
-
 int s_dispatch_service_side(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
     qv::json_ptr request = s_decode_request(rr->request->json_txt);
     if (!request) {
         return -1;
     }
-    const int command = s_command_of(request.get());
+    const int command = qv_json_get_command(request.get(), -1);
     switch (command) {
         case PING_SERVICE:
             log_trace("Got PING_SERVICE message");
@@ -73,7 +64,7 @@ int s_dispatch_client_side(quorvale_control_config_t* config, qv_const_request_r
     if (!request) {
         return -1;
     }
-    const int command = s_command_of(request.get());
+    const int command = qv_json_get_command(request.get(), -1);
     log_debug("CommandCode: %d", command);
     switch (command) {
         case CLIENT_SERVICE_REQUEST:
