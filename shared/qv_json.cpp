@@ -63,6 +63,16 @@ const char* qv_json_get_required_string(json_object* object, const char* key, st
     return value;
 }
 
+std::string_view qv_json_get_text(json_object* object, const char* key) {
+    json_object* member = nullptr;
+    if (object == nullptr || !json_object_object_get_ex(object, key, &member) ||
+        !json_object_is_type(member, json_type_string)) {
+        return {};
+    }
+    return std::string_view(json_object_get_string(member),
+                            static_cast<size_t>(json_object_get_string_len(member)));
+}
+
 std::string qv_json_get_optional_string(json_object* object, const char* key) {
     json_object* member = nullptr;
     if (object == nullptr || !json_object_object_get_ex(object, key, &member) ||

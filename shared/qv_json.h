@@ -12,6 +12,9 @@ qv::json_ptr qv_json_parse(std::string_view text, const char** error = nullptr);
 // text goes to *reason when given (for error replies that repeat it).
 const char* qv_json_get_required_string(json_object* object, const char* key,
                                         std::string* reason = nullptr);
+// The whole text of a string member, embedded NUL bytes included: what a validator must see.
+// Empty when the member is missing or not a string.
+std::string_view qv_json_get_text(json_object* object, const char* key);
 // An optional member as text: absent or null is the empty text, a number its decimal text.
 std::string qv_json_get_optional_string(json_object* object, const char* key);
 // The request's integer "Command"; `absent` (with the warning "Object Command not found") when
