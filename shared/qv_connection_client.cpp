@@ -161,6 +161,21 @@ int qv_connection_simple_request(qv_nats_config* cfg, const char* service,
     return json_object_get_int(rc);
 }
 
+std::vector<int> qv_connection_simple_request_all(qv_nats_config* cfg,
+                                                  const std::vector<std::string>& subjects,
+                                                  const std::string& request_json_txt,
+                                                  uint32_t timeout_ms, int attempts) {
+    if (!qv_connection_is_http(cfg)) {
+        return qv_nats_simple_request_all(cfg, subjects, request_json_txt, timeout_ms, attempts);
+    }
+    std::vector<int> results;
+    for (const std::string& subject : subjects) {
+        results.push_back(qv_connection_simple_request(
+            cfg, subject.c_str(), request_json_txt.c_str(), timeout_ms, attempts - 1, nullptr));
+    }
+    return results;
+}
+
 int qv_connection_stage_scan_data(qv_nats_config* cfg, const unsigned char* data, size_t data_len,
                                   int64_t timeout_ms, std::string* out_key, std::string* errormsg) {
     if (out_key != nullptr) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "qv_handles.h"
 #include "qv_nats_config.h"
@@ -32,6 +33,12 @@ qv::json_ptr qv_connection_send_recv_json_data(qv_nats_config* cfg, const char* 
 int qv_connection_simple_request(qv_nats_config* cfg, const char* service,
                                  const char* request_json_txt, uint32_t timeout_ms, int retries,
                                  std::string* errormsg);
+// The same request to every subject at once (see qv_nats_simple_request_all); over the HTTP
+// gateway one after another.
+std::vector<int> qv_connection_simple_request_all(qv_nats_config* cfg,
+                                                  const std::vector<std::string>& subjects,
+                                                  const std::string& request_json_txt,
+                                                  uint32_t timeout_ms, int attempts);
 
 int qv_connection_stage_scan_data(qv_nats_config* cfg, const unsigned char* data, size_t data_len,
                                   int64_t timeout_ms, std::string* out_key, std::string* errormsg);

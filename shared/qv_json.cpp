@@ -97,3 +97,14 @@ std::string qv_json_to_string(json_object* object) {
         object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     return text != nullptr ? text : "";
 }
+
+std::string qv_json_escape(std::string_view text) {
+    qv::json_ptr string(json_object_new_string_len(text.data(), static_cast<int>(text.size())));
+    if (!string) {
+        return "";
+    }
+    const char* quoted =
+        json_object_to_json_string_ext(string.get(), JSON_C_TO_STRING_NOSLASHESCAPE);
+    std::string_view view = quoted != nullptr ? quoted : "\"\"";
+    return std::string(view.substr(1, view.size() - 2));
+}

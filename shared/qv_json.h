@@ -1,6 +1,7 @@
 // JSON helpers over json-c used by every service handler.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "qv_handles.h"
@@ -20,5 +21,8 @@ std::string qv_json_get_optional_string(json_object* object, const char* key);
 // The request's integer "Command"; `absent` (with the warning "Object Command not found") when
 // the member is missing.
 int qv_json_get_command(json_object* request, int absent);
+// The text as the inside of a JSON string (quotes, backslashes and control characters escaped,
+// without the surrounding quotes): for error texts that carry request data or system texts.
+std::string qv_json_escape(std::string_view text);
 // Plain, unindented text of the object, with '/' left unescaped.
 std::string qv_json_to_string(json_object* object);

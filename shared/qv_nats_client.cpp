@@ -444,6 +444,18 @@ int qv_nats_simple_request(qv_nats_config* config, const char* service,
     return json_object_get_int(rc);
 }
 
+std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
+                                            const std::vector<std::string>& subjects,
+                                            const std::string& request_json_txt,
+                                            uint32_t timeout_ms, int attempts) {
+    std::vector<int> results;
+    for (const std::string& subject : subjects) {
+        results.push_back(qv_nats_simple_request(config, subject.c_str(), request_json_txt.c_str(),
+                                                 timeout_ms, attempts - 1, nullptr));
+    }
+    return results;
+}
+
 namespace {
 
 struct qv_nats_handler_thread_args_t {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "qv_handles.h"
 #include "qv_nats_config.h"
@@ -31,6 +32,15 @@ qv::json_ptr qv_nats_send_recv_json_data(qv_nats_config* config, const char* ser
 int qv_nats_simple_request(qv_nats_config* config, const char* service,
                            const char* request_json_txt, uint32_t timeout_ms, int retries,
                            std::string* errormsg);
+// Sends the same request to every subject at once and waits for all of them: each subject has
+// `attempts` attempts of `timeout_ms` (a no-responders answer is retried under the back-off rule
+// without using up an attempt). The "ReturnCode" of each reply in the order of `subjects`, -1
+// where no reply with one came, and for a subject that is not a valid publish subject (which is
+// never sent).
+std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
+                                            const std::vector<std::string>& subjects,
+                                            const std::string& request_json_txt,
+                                            uint32_t timeout_ms, int attempts);
 // Starts `number_of_threads` detached threads sharing one queue subscription on `service`
 // (subject and queue group). Each ends when *terminate becomes non-zero or the connection
 // closes. 0 or -1.
