@@ -43,7 +43,8 @@ int main(int argc, char** argv) {
     std::atomic<int> stop{0};
     qv_nats_start_service_handler_threads(cfg.get(), "qv-bench.sink", s_sink_handler, nullptr,
                                           &stop, 2);
-    kvStore* kv = get_kvstore(cfg.get());
+    std::shared_ptr<kvStore> kv_ref = get_kvstore(cfg.get());
+    kvStore* kv = kv_ref.get();
     printf("%-8s %14s %14s %8s\n", "size", "staged MB/s", "raw KV MB/s", "ratio");
     for (size_t mib : {1, 8, 64}) {
         const size_t size = mib << 20;

@@ -1,9 +1,11 @@
 #include "qv_kv_setup.h"
 
+#include "qv_nats_client.h"
 #include "qv_nats_kv.h"
 
 int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std::string* report) {
-    if (cfg == nullptr || !cfg->_js) {
+    std::shared_ptr<jsCtx> js = qv_nats_jetstream(cfg);
+    if (!js) {
         if (report != nullptr) {
             *report += "JetStream is not available on this connection\n";
         }
@@ -21,7 +23,7 @@ int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std:
     int rc = 0;
     for (const auto& b : buckets) {
         kvStore* raw = nullptr;
-        natsStatus s = js_KeyValue(&raw, cfg->_js.get(), b.name);
+        natsStatus s = js_KeyValue(&raw, js.get(), b.name);
         qv::kv_store_ptr existing(raw);
         std::string line;
         if (s == NATS_OK) {
@@ -34,7 +36,7 @@ int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std:
             // The library passes the age on as the stream's MaxAge, in nanoseconds.
             kc.TTL = b.max_age_ms * 1000000;
             raw = nullptr;
-            s = js_CreateKeyValue(&raw, cfg->_js.get(), &kc);
+            s = js_CreateKeyValue(&raw, js.get(), &kc);
             qv::kv_store_ptr created(raw);
             if (s == NATS_OK) {
                 line = std::string("created ") + b.name;

@@ -1,16 +1,20 @@
 #include "qv_nats_client.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <thread>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include "log.h"
 #include "qv_json.h"
 #include "qv_nats_kv.h"
 #include "qv_nats_nr_backoff.h"
+#include "qv_validate.h"
 #include "qvhlp_replies.h"
 
 std::unique_ptr<qv_nats_config> qv_nats_config_new() {
@@ -20,12 +24,26 @@ std::unique_ptr<qv_nats_config> qv_nats_config_new() {
 namespace {
 
 constexpr int N_INIT_ATTEMPTS = 5;
-constexpr int s_max_reconnect = 20;
+// Decision: the connection never ends while the daemon runs. A library that gave up after a fixed
+// number of reconnects left the daemon up but deaf once nats-server was away for more than a few
+// seconds; reconnects are unlimited instead, with waits that grow to at most s_reconnect_cap_ms.
+constexpr int s_max_reconnect = -1;
+constexpr int64_t s_reconnect_cap_ms = 2000;
+// Decision: a burst never silences a service. Each service subscription holds up to this many
+// pending messages (the byte bound stays at 800 MiB) instead of 50; what is dropped beyond that
+// is counted and reported per service.
+constexpr int s_pending_msgs_limit = 100000;
+constexpr int s_pending_bytes_limit = 838860800;
+constexpr auto s_drop_report_interval = std::chrono::seconds(10);
 
 void s_set_error(std::string* errormsg, const std::string& text) {
     if (errormsg != nullptr) {
         *errormsg = text;
     }
+}
+
+bool s_tls_scheme(const std::string& url) {
+    return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0;
 }
 
 const char* s_status_name(natsConnStatus status) {
@@ -72,6 +90,26 @@ void s_closed_cb(natsConnection* /*nc*/, void* /*closure*/) {
     log_warn("NATS: connection closed");
 }
 
+// Slow consumers are counted by the handler threads of their service (s_report_drops); other
+// asynchronous errors are only logged.
+void s_async_error_cb(natsConnection* /*nc*/, natsSubscription* /*sub*/, natsStatus err,
+                      void* /*closure*/) {
+    if (err != NATS_SLOW_CONSUMER) {
+        log_warn("NATS: asynchronous error: %s", natsStatus_GetText(err));
+    }
+}
+
+// The wait before reconnect pass `attempts`: 250, 500, 1000, then 2000 ms, each with up to a
+// quarter more at random so that many daemons do not come back in step, never above the cap.
+int64_t s_reconnect_delay_cb(natsConnection* /*nc*/, int attempts, void* /*closure*/) {
+    thread_local std::minstd_rand rng(static_cast<unsigned>(time(nullptr)) ^
+                                      static_cast<unsigned>(getpid()) ^
+                                      static_cast<unsigned>(pthread_self()));
+    const int64_t base = int64_t{250} << std::clamp(attempts - 1, 0, 3);
+    const int64_t wait = base + static_cast<int64_t>(rng() % static_cast<unsigned>(base / 4 + 1));
+    return std::min(wait, s_reconnect_cap_ms);
+}
+
 bool s_is_transient(natsStatus s) {
     return s == NATS_TIMEOUT || s == NATS_NO_SERVER || s == NATS_IO_ERROR;
 }
@@ -91,7 +129,7 @@ std::string s_expected_hostname(const std::string& url) {
 
 int s_configure_tls(natsOptions* opts, const qv_nats_config* config) {
     const std::string& url = config->server_url;
-    const bool tls = url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0;
+    const bool tls = s_tls_scheme(url);
     log_debug("server_url=%s (scheme implies TLS=%s)", url.c_str(), tls ? "yes" : "no");
     if (tls) {
         natsStatus s = natsOptions_SetSecure(opts, true);
@@ -169,6 +207,7 @@ qv::nats_options_ptr s_build_options(const qv_nats_config* config, unsigned int*
     log_debug("NATS reconnect wait jittered to %d ms", wait_ms);
     natsOptions_SetMaxReconnect(raw, s_max_reconnect);
     natsOptions_SetReconnectWait(raw, wait_ms);
+    natsOptions_SetCustomReconnectDelay(raw, s_reconnect_delay_cb, nullptr);
     natsOptions_SetReconnectBufSize(raw, 8388608);
     natsOptions_SetTimeout(raw, 10000);
     natsOptions_SetPingInterval(raw, 15000);
@@ -176,18 +215,22 @@ qv::nats_options_ptr s_build_options(const qv_nats_config* config, unsigned int*
     natsOptions_SetDisconnectedCB(raw, s_disconnected_cb, nullptr);
     natsOptions_SetReconnectedCB(raw, s_reconnected_cb, nullptr);
     natsOptions_SetClosedCB(raw, s_closed_cb, nullptr);
-    natsOptions_SetRetryOnFailedConnect(raw, true, nullptr, nullptr);
+    natsOptions_SetErrorHandler(raw, s_async_error_cb, nullptr);
+    // Each early attempt is a single try (s_connect counts them); only the last one is handed to
+    // the library to keep trying in the background. A synchronous retry inside the library would
+    // block for ever with unlimited reconnects, also on a wrong password.
+    natsOptions_SetRetryOnFailedConnect(raw, false, nullptr, nullptr);
     return opts;
 }
 
-}  // namespace
+std::shared_ptr<natsConnection> s_share(natsConnection* nc) {
+    return std::shared_ptr<natsConnection>(nc, qv::release_conn);
+}
 
-int qv_nats_init(qv_nats_config* config) {
-    if (config == nullptr || config->server_url.empty()) {
-        log_error("NATS: config or server_url is NULL");
-        return -1;
-    }
-    log_debug("cnats library runtime version: %s", nats_GetVersion());
+// Connects with the configured settings (up to N_INIT_ATTEMPTS attempts, then the library keeps
+// trying in the background) and creates the JetStream context. 0 or -1.
+int s_connect(qv_nats_config* config, std::shared_ptr<natsConnection>* conn_out,
+              std::shared_ptr<jsCtx>* js_out) {
     unsigned int rand_state = 0;
     qv::nats_options_ptr opts = s_build_options(config, &rand_state);
     if (!opts) {
@@ -198,8 +241,18 @@ int qv_nats_init(qv_nats_config* config) {
     natsStatus s = NATS_OK;
     for (int attempt = 1; attempt <= N_INIT_ATTEMPTS; ++attempt) {
         raw = nullptr;
+        if (attempt == N_INIT_ATTEMPTS) {
+            natsOptions_SetRetryOnFailedConnect(opts.get(), true, s_reconnected_cb, nullptr);
+        }
         s = natsConnection_Connect(&raw, opts.get());
         if (s == NATS_OK) {
+            break;
+        }
+        if (s == NATS_NOT_YET_CONNECTED && raw != nullptr) {
+            log_warn(
+                "NATS: connect to %s still failing on final attempt %d/%d (%s) — handing off "
+                "to background reconnect (MaxReconnect=%d)",
+                url, attempt, N_INIT_ATTEMPTS, natsStatus_GetText(s), s_max_reconnect);
             break;
         }
         const char* last = nats_GetLastError(nullptr);
@@ -235,7 +288,7 @@ int qv_nats_init(qv_nats_config* config) {
                   N_INIT_ATTEMPTS, natsStatus_GetText(s));
         return -1;
     }
-    config->_conn.reset(raw);
+    std::shared_ptr<natsConnection> conn = s_share(raw);
 
     const char* last = nullptr;
     natsStatus last_status = natsConnection_GetLastError(raw, &last);
@@ -244,11 +297,10 @@ int qv_nats_init(qv_nats_config* config) {
               natsStatus_GetText(last_status),
               (last != nullptr && last[0] != '\0') ? last : "(none)");
     const std::string connected = s_connected_url(raw);
-    const bool tls_url = connected.rfind("tls://", 0) == 0 || connected.rfind("wss://", 0) == 0;
+    const bool tls_url = s_tls_scheme(connected);
     log_debug("Negotiated connected_url=%s (scheme implies TLS=%s)", connected.c_str(),
               tls_url ? "yes" : "no");
-    const bool tls_requested =
-        config->server_url.rfind("tls://", 0) == 0 || config->server_url.rfind("wss://", 0) == 0;
+    const bool tls_requested = s_tls_scheme(config->server_url);
     if (tls_requested && status == NATS_CONN_STATUS_CONNECTED && !tls_url) {
         log_error(
             "*** TLS requested via %s but negotiated url is %s — connection is NOT "
@@ -272,16 +324,151 @@ int qv_nats_init(qv_nats_config* config) {
                  natsStatus_GetText(s));
         js = nullptr;
     }
-    config->_js.reset(js);
-    log_info("NATS: connected to %s (user=%s, jetstream=%s)", url,
-             config->user.empty() ? "(none)" : config->user.c_str(), js != nullptr ? "yes" : "no");
+    *js_out = js != nullptr ? std::shared_ptr<jsCtx>(js, jsCtx_Destroy) : nullptr;
+    *conn_out = std::move(conn);
     return 0;
+}
+
+// The queue subscription of a service on `conn`, with its pending limits. Null (logged) on
+// failure.
+std::shared_ptr<natsSubscription> s_subscribe(natsConnection* conn, const std::string& service) {
+    natsSubscription* raw = nullptr;
+    natsStatus s = natsConnection_QueueSubscribeSync(&raw, conn, service.c_str(), service.c_str());
+    std::shared_ptr<natsSubscription> sub(raw, natsSubscription_Destroy);
+    if (s != NATS_OK) {
+        log_error("NATS: failed to subscribe to '%s': %s", service.c_str(), natsStatus_GetText(s));
+        return nullptr;
+    }
+    natsSubscription_SetPendingLimits(sub.get(), s_pending_msgs_limit, s_pending_bytes_limit);
+    return sub;
+}
+
+}  // namespace
+
+// One service offered on the connection: shared by its handler threads, kept in the
+// connection's service list while any of them runs.
+struct qv_nats_handler_thread_args_t {
+    qv_nats_config* config = nullptr;
+    std::string service;
+    qv_service_handler_t handler = nullptr;
+    void* handler_config = nullptr;
+    const std::atomic<int>* terminate = nullptr;
+    std::atomic<int> threads{0};
+    // Replaced when the connection is rebuilt.
+    std::mutex sub_mutex;
+    std::shared_ptr<natsSubscription> sub;
+    // Dropped-message reporting (s_report_drops); one thread at a time.
+    std::mutex drop_mutex;
+    natsSubscription* drops_sub = nullptr;
+    int64_t drops_earlier = 0;  // dropped on subscriptions replaced since
+    int64_t drops_seen = 0;     // dropped on drops_sub
+    int64_t drops_reported = 0;
+    std::chrono::steady_clock::time_point drops_logged{};
+};
+
+std::shared_ptr<natsConnection> qv_nats_connection(qv_nats_config* config) {
+    if (config == nullptr) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(config->_kv_mutex);
+    return config->_conn;
+}
+
+std::shared_ptr<jsCtx> qv_nats_jetstream(qv_nats_config* config) {
+    if (config == nullptr) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(config->_kv_mutex);
+    return config->_js;
+}
+
+int qv_nats_init(qv_nats_config* config) {
+    if (config == nullptr || config->server_url.empty()) {
+        log_error("NATS: config or server_url is NULL");
+        return -1;
+    }
+    log_debug("cnats library runtime version: %s", nats_GetVersion());
+    std::shared_ptr<natsConnection> conn;
+    std::shared_ptr<jsCtx> js;
+    if (s_connect(config, &conn, &js) != 0) {
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> guard(config->_kv_mutex);
+        config->_conn = std::move(conn);
+        config->_js = js;
+    }
+    config->_closing.store(false);
+    log_info("NATS: connected to %s (user=%s, jetstream=%s)", config->server_url.c_str(),
+             config->user.empty() ? "(none)" : config->user.c_str(), js ? "yes" : "no");
+    return 0;
+}
+
+int qv_nats_check_connection(qv_nats_config* config) {
+    if (config == nullptr || config->_closing.load()) {
+        return 0;
+    }
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(config);
+    if (!conn) {
+        return -1;
+    }
+    if (natsConnection_IsClosed(conn.get())) {
+        log_warn("NATS: the connection to %s is closed — building a new one",
+                 config->server_url.c_str());
+        std::shared_ptr<natsConnection> fresh;
+        std::shared_ptr<jsCtx> js;
+        if (s_connect(config, &fresh, &js) != 0) {
+            log_error("NATS: could not build a new connection to %s — trying again later",
+                      config->server_url.c_str());
+            return -1;
+        }
+        {
+            std::lock_guard<std::mutex> guard(config->_kv_mutex);
+            config->_conn = fresh;
+            config->_js = std::move(js);
+            config->_kv.reset();
+            config->_kv_registry.reset();
+            for (size_t i = 0; i < config->_kv_extra.size(); ++i) {
+                config->_kv_extra[i].reset();
+                config->_kv_extra_name[i].clear();
+            }
+        }
+        log_info("NATS: new connection to %s in place", config->server_url.c_str());
+        conn = std::move(fresh);
+    }
+    // Services whose subscription did not survive (a rebuilt connection, a failed renewal) are
+    // subscribed again on the live connection.
+    int renewed = 0;
+    int failed = 0;
+    std::lock_guard<std::mutex> services(config->_services_mutex);
+    for (const auto& args : config->_services) {
+        {
+            std::lock_guard<std::mutex> guard(args->sub_mutex);
+            if (args->sub && natsSubscription_IsValid(args->sub.get())) {
+                continue;
+            }
+        }
+        std::shared_ptr<natsSubscription> sub = s_subscribe(conn.get(), args->service);
+        if (!sub) {
+            failed++;
+            continue;
+        }
+        std::lock_guard<std::mutex> guard(args->sub_mutex);
+        args->sub = std::move(sub);
+        renewed++;
+    }
+    if (renewed > 0) {
+        log_info("NATS: %d service subscription(s) renewed", renewed);
+    }
+    return failed == 0 ? 0 : -1;
 }
 
 void qv_nats_deinit(qv_nats_config* config) {
     if (config == nullptr) {
         return;
     }
+    config->_closing.store(true);
+    std::shared_ptr<natsConnection> conn;
     {
         std::lock_guard<std::mutex> guard(config->_kv_mutex);
         config->_kv_registry.reset();
@@ -290,37 +477,48 @@ void qv_nats_deinit(qv_nats_config* config) {
             config->_kv_extra_name[i].clear();
         }
         config->_kv.reset();
+        config->_js.reset();
+        conn = std::move(config->_conn);
     }
-    config->_js.reset();
-    if (config->_conn) {
+    if (conn) {
         // Closing wakes the handler threads out of their receive; give them a moment to leave
         // before the connection goes, so that none of them outlives it mid-request.
-        natsConnection_Close(config->_conn.get());
+        natsConnection_Close(conn.get());
         for (int waited = 0; config->_handler_threads.load() > 0 && waited < 1000; waited += 10) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        config->_conn.reset();
+        conn.reset();
         log_info("NATS: disconnected");
     }
 }
 
 namespace {
 
+// Refuses a subject that nats-server would answer by closing the connection.
+bool s_check_subject(const char* service, std::string* errormsg) {
+    if (qv_valid_publish_subject(service)) {
+        return true;
+    }
+    const std::string shown = qv_escape_for_log(service);
+    log_error("NATS: refusing to send to invalid subject '%s'", shown.c_str());
+    s_set_error(errormsg, "NATS: invalid subject '" + shown + "'");
+    return false;
+}
+
 // The request loop shared by the plain and the staged sends: `attempt_budget_ms` is what each
 // attempt may take (less what back-off slept), `nr_timeout_ms` what the back-off rule sees.
-qv::nats_msg_ptr s_request_loop(qv_nats_config* config, const char* service,
-                                const std::string& body, uint64_t attempt_budget_ms,
-                                uint64_t nr_timeout_ms, bool staged, int retries,
-                                std::string* errormsg) {
+qv::nats_msg_ptr s_request_loop(natsConnection* conn, const char* service, const std::string& body,
+                                uint64_t attempt_budget_ms, uint64_t nr_timeout_ms, bool staged,
+                                int retries, std::string* errormsg) {
     qv_nats_nr_state_t nr;
     qv_nats_nr_init(&nr);
     int attempts_left = retries + 1;
     while (attempts_left > 0) {
         natsMsg* raw = nullptr;
         const uint64_t attempt_timeout = qv_nats_nr_attempt_timeout_ms(&nr, attempt_budget_ms);
-        natsStatus s = natsConnection_Request(&raw, config->_conn.get(), service, body.data(),
-                                              static_cast<int>(body.size()),
-                                              static_cast<int64_t>(attempt_timeout));
+        natsStatus s =
+            natsConnection_Request(&raw, conn, service, body.data(), static_cast<int>(body.size()),
+                                   static_cast<int64_t>(attempt_timeout));
         qv::nats_msg_ptr msg(raw);
         if (s == NATS_NO_RESPONDERS && qv_nats_nr_should_retry(&nr, nr_timeout_ms, service)) {
             continue;
@@ -368,18 +566,31 @@ qv::json_ptr s_parse_reply(const char* service, natsMsg* reply) {
     return parsed;
 }
 
+// The "ReturnCode" of a reply object; -1 without a reply or without that member.
+int s_return_code(json_object* reply) {
+    json_object* rc = nullptr;
+    if (reply == nullptr || !json_object_object_get_ex(reply, "ReturnCode", &rc)) {
+        return -1;
+    }
+    return json_object_get_int(rc);
+}
+
 }  // namespace
 
 qv::json_ptr qv_nats_send_recv_json(qv_nats_config* config, const char* service,
                                     const char* request_json_txt, uint32_t timeout_ms, int retries,
                                     std::string* errormsg) {
-    if (config == nullptr || !config->_conn || service == nullptr || request_json_txt == nullptr) {
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(config);
+    if (!conn || service == nullptr || request_json_txt == nullptr) {
         s_set_error(errormsg, "NATS: invalid parameters for send_recv_json");
+        return nullptr;
+    }
+    if (!s_check_subject(service, errormsg)) {
         return nullptr;
     }
     log_trace("NATS: sending request to %s (timeout: %ums):\n%s", service, timeout_ms,
               request_json_txt);
-    qv::nats_msg_ptr reply = s_request_loop(config, service, request_json_txt, timeout_ms,
+    qv::nats_msg_ptr reply = s_request_loop(conn.get(), service, request_json_txt, timeout_ms,
                                             timeout_ms, false, retries, errormsg);
     return reply ? s_parse_reply(service, reply.get()) : nullptr;
 }
@@ -388,9 +599,12 @@ qv::json_ptr qv_nats_send_recv_json_data(qv_nats_config* config, const char* ser
                                          qv_const_request_reply_t* rr, uint64_t timeout_ms,
                                          uint64_t extra_timeout_ms, int retries,
                                          std::string* errormsg) {
-    if (config == nullptr || !config->_conn || service == nullptr || rr == nullptr ||
-        rr->request == nullptr) {
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(config);
+    if (!conn || service == nullptr || rr == nullptr || rr->request == nullptr) {
         s_set_error(errormsg, "NATS: invalid parameters for send_recv_json_data");
+        return nullptr;
+    }
+    if (!s_check_subject(service, errormsg)) {
         return nullptr;
     }
     const qv_message_t& request = *rr->request;
@@ -420,7 +634,7 @@ qv::json_ptr qv_nats_send_recv_json_data(qv_nats_config* config, const char* ser
     log_trace("NATS: sending request to %s (timeout: %lums):\n%s", service,
               static_cast<unsigned long>(total), body.c_str());
     qv::nats_msg_ptr reply =
-        s_request_loop(config, service, body, total, timeout_ms, true, retries, errormsg);
+        s_request_loop(conn.get(), service, body, total, timeout_ms, true, retries, errormsg);
     qv::json_ptr parsed = reply ? s_parse_reply(service, reply.get()) : nullptr;
     // Without a reply the worker may still be reading the chunks: they expire by themselves.
     if (generated && parsed) {
@@ -437,95 +651,296 @@ int qv_nats_simple_request(qv_nats_config* config, const char* service,
                            std::string* errormsg) {
     qv::json_ptr reply =
         qv_nats_send_recv_json(config, service, request_json_txt, timeout_ms, retries, errormsg);
-    json_object* rc = nullptr;
-    if (!reply || !json_object_object_get_ex(reply.get(), "ReturnCode", &rc)) {
-        return -1;
-    }
-    return json_object_get_int(rc);
+    return s_return_code(reply.get());
 }
+
+namespace {
+
+// One subject of qv_nats_simple_request_all: an attempt is in flight until its deadline, or
+// waits for its due time (a no-responders back-off) before it is sent.
+struct s_fanout_target {
+    const char* subject = nullptr;
+    std::string reply_subject;
+    int attempts_left = 0;
+    qv_nats_nr_state_t nr;
+    bool in_flight = false;
+    bool done = false;
+    std::chrono::steady_clock::time_point due;
+    std::chrono::steady_clock::time_point deadline;
+};
+
+}  // namespace
 
 std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
                                             const std::vector<std::string>& subjects,
                                             const std::string& request_json_txt,
                                             uint32_t timeout_ms, int attempts) {
-    std::vector<int> results;
-    for (const std::string& subject : subjects) {
-        results.push_back(qv_nats_simple_request(config, subject.c_str(), request_json_txt.c_str(),
-                                                 timeout_ms, attempts - 1, nullptr));
+    using clock = std::chrono::steady_clock;
+    std::vector<int> results(subjects.size(), -1);
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(config);
+    if (!conn || subjects.empty()) {
+        return results;
+    }
+    // Every reply comes to one wildcard inbox; the last token tells the subjects apart.
+    natsInbox* inbox = nullptr;
+    if (natsInbox_Create(&inbox) != NATS_OK) {
+        log_error("Failed to allocate %s", "inbox");
+        return results;
+    }
+    const std::string prefix = inbox;
+    natsInbox_Destroy(inbox);
+    natsSubscription* raw_sub = nullptr;
+    natsStatus s = natsConnection_SubscribeSync(&raw_sub, conn.get(), (prefix + ".*").c_str());
+    qv::nats_subscription_ptr sub(raw_sub);
+    if (s != NATS_OK) {
+        log_error("NATS: failed to subscribe to '%s': %s", prefix.c_str(), natsStatus_GetText(s));
+        return results;
+    }
+    natsSubscription_SetPendingLimits(sub.get(), -1, -1);
+    log_trace("NATS: sending request to %zu subject(s) (timeout: %ums, attempts: %d):\n%s",
+              subjects.size(), timeout_ms, attempts, request_json_txt.c_str());
+
+    std::vector<s_fanout_target> targets(subjects.size());
+    size_t open = 0;
+    const clock::time_point start = clock::now();
+    for (size_t i = 0; i < subjects.size(); ++i) {
+        s_fanout_target& t = targets[i];
+        t.subject = subjects[i].c_str();
+        t.attempts_left = attempts < 1 ? 1 : attempts;
+        qv_nats_nr_init(&t.nr);
+        t.due = start;
+        if (!s_check_subject(t.subject, nullptr)) {
+            t.done = true;
+            continue;
+        }
+        t.reply_subject = prefix + "." + std::to_string(i);
+        open++;
+    }
+    // A failed attempt: the next one goes out at once, or the subject has failed.
+    auto attempt_failed = [&](s_fanout_target& t, clock::time_point now) {
+        t.in_flight = false;
+        t.attempts_left--;
+        if (t.attempts_left > 0) {
+            log_debug("NATS: retrying %s... retries left: %d", t.subject, t.attempts_left - 1);
+            t.due = now;
+        } else {
+            t.done = true;
+            open--;
+        }
+    };
+    while (open > 0) {
+        clock::time_point now = clock::now();
+        clock::time_point wake = now + std::chrono::milliseconds(timeout_ms);
+        for (s_fanout_target& t : targets) {
+            if (t.done) {
+                continue;
+            }
+            if (t.in_flight && t.deadline <= now) {
+                log_debug("NATS: request to %s timed out after %ums", t.subject, timeout_ms);
+                attempt_failed(t, now);
+                if (t.done) {
+                    continue;
+                }
+            }
+            if (!t.in_flight && t.due <= now) {
+                s = natsConnection_PublishRequest(conn.get(), t.subject, t.reply_subject.c_str(),
+                                                  request_json_txt.data(),
+                                                  static_cast<int>(request_json_txt.size()));
+                if (s != NATS_OK) {
+                    log_error("NATS: request to %s failed: %s", t.subject, natsStatus_GetText(s));
+                    attempt_failed(t, now);
+                    if (t.done) {
+                        continue;
+                    }
+                    // A connection that refuses to publish will not accept the retry at once.
+                    t.due = now + std::chrono::milliseconds(100);
+                    continue;
+                }
+                t.in_flight = true;
+                t.deadline = now + std::chrono::milliseconds(
+                                       qv_nats_nr_attempt_timeout_ms(&t.nr, timeout_ms));
+            }
+            wake = std::min(wake, t.in_flight ? t.deadline : t.due);
+        }
+        if (open == 0) {
+            break;
+        }
+        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now);
+        natsMsg* raw = nullptr;
+        s = natsSubscription_NextMsg(&raw, sub.get(), std::max<int64_t>(1, wait.count()));
+        qv::nats_msg_ptr msg(raw);
+        if (s == NATS_TIMEOUT || s == NATS_SLOW_CONSUMER) {
+            continue;
+        }
+        if (s != NATS_OK) {
+            log_error("NATS: waiting for replies failed: %s", natsStatus_GetText(s));
+            break;
+        }
+        const char* subject = natsMsg_GetSubject(msg.get());
+        const char* dot = subject != nullptr ? strrchr(subject, '.') : nullptr;
+        const size_t index = dot != nullptr ? strtoul(dot + 1, nullptr, 10) : targets.size();
+        if (index >= targets.size() || targets[index].done) {
+            continue;  // a late answer to an attempt that was already settled
+        }
+        s_fanout_target& t = targets[index];
+        now = clock::now();
+        if (natsMsg_IsNoResponders(msg.get())) {
+            const uint64_t backoff = qv_nats_nr_take_step(&t.nr, timeout_ms, t.subject);
+            if (backoff > 0) {
+                t.in_flight = false;
+                t.due = now + std::chrono::milliseconds(backoff);
+            } else {
+                log_error("NATS: request to %s failed: %s", t.subject,
+                          natsStatus_GetText(NATS_NO_RESPONDERS));
+                attempt_failed(t, now);
+            }
+            continue;
+        }
+        qv::json_ptr reply = s_parse_reply(t.subject, msg.get());
+        results[index] = s_return_code(reply.get());
+        t.done = true;
+        open--;
     }
     return results;
 }
 
 namespace {
 
-struct qv_nats_handler_thread_args_t {
-    qv_nats_config* config = nullptr;
-    qv::nats_subscription_ptr sub;
-    qv_service_handler_t handler = nullptr;
-    void* handler_config = nullptr;
-    const std::atomic<int>* terminate = nullptr;
-};
+bool s_stopped(const qv_nats_handler_thread_args_t& args) {
+    return args.terminate != nullptr && args.terminate->load() != 0;
+}
 
-void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
-    const int body_len = natsMsg_GetDataLength(msg);
-    if (body_len <= 0) {
+std::shared_ptr<natsSubscription> s_current_sub(qv_nats_handler_thread_args_t& args) {
+    std::lock_guard<std::mutex> guard(args.sub_mutex);
+    return args.sub;
+}
+
+// Logs the messages the service's subscription dropped for want of pending space, with their
+// count, at most once every s_drop_report_interval.
+void s_report_drops(qv_nats_handler_thread_args_t& args, natsSubscription* sub) {
+    std::unique_lock<std::mutex> guard(args.drop_mutex, std::try_to_lock);
+    int64_t dropped = 0;
+    if (!guard.owns_lock() || natsSubscription_GetDropped(sub, &dropped) != NATS_OK) {
         return;
     }
-    qv_request_reply_t rr;
-    rr.request.json_txt.assign(natsMsg_GetData(msg), static_cast<size_t>(body_len));
-    bool failed = false;
-    qv::json_ptr obj = qv_json_parse(rr.request.json_txt);
-    json_object* kv_key = nullptr;
-    if (obj && json_object_is_type(obj.get(), json_type_object) &&
-        json_object_object_get_ex(obj.get(), "_kv_key", &kv_key)) {
-        const std::string key = json_object_get_string(kv_key);
-        if (kvstore_get_chunked(args.config, key.c_str(), &rr.request.data) != 0) {
-            log_error(
-                "NATS: could not retrieve staged payload for key '%s' — failing the "
-                "request closed (handler not invoked)",
-                key.c_str());
-            failed = true;
-        }
-        rr.request.staged_data_key = key;
-        json_object_object_del(obj.get(), "_kv_key");
-        rr.request.json_txt = qv_json_to_string(obj.get());
+    if (sub != args.drops_sub) {
+        args.drops_earlier += args.drops_seen;
+        args.drops_seen = 0;
+        args.drops_sub = sub;
     }
-    qv_const_request_reply_t crr{&rr.request, &rr.reply};
-    if (failed) {
-        qv_reply_set_ERROR(&rr.reply, SERVICE_ERROR,
-                           "Scan data unavailable: staged payload could not be retrieved from "
-                           "the KV store");
-    } else {
-        try {
-            args.handler(args.handler_config, &crr);
-        } catch (const std::exception& e) {
-            log_error("NATS: handler for '%s' threw: %s", natsMsg_GetSubject(msg), e.what());
-        } catch (...) {
-            log_error("NATS: handler for '%s' threw an unknown exception", natsMsg_GetSubject(msg));
-        }
-    }
-    const char* reply_subject = natsMsg_GetReply(msg);
-    if (!rr.reply.json_txt.empty() && reply_subject != nullptr && reply_subject[0] != '\0') {
-        natsStatus s = natsConnection_Publish(args.config->_conn.get(), reply_subject,
-                                              rr.reply.json_txt.data(),
-                                              static_cast<int>(rr.reply.json_txt.size()));
-        if (s != NATS_OK) {
-            log_error("NATS: failed to publish reply: %s", natsStatus_GetText(s));
-        }
+    args.drops_seen = std::max(args.drops_seen, dropped);
+    const int64_t total = args.drops_earlier + args.drops_seen;
+    const auto now = std::chrono::steady_clock::now();
+    if (total > args.drops_reported &&
+        (args.drops_reported == 0 || now - args.drops_logged >= s_drop_report_interval)) {
+        log_warn(
+            "NATS: service '%s' dropped %lld request(s) so far: its handler threads fall "
+            "behind (pending limit %d messages)",
+            args.service.c_str(), static_cast<long long>(total), s_pending_msgs_limit);
+        args.drops_reported = total;
+        args.drops_logged = now;
     }
 }
 
-void s_handler_thread(std::shared_ptr<qv_nats_handler_thread_args_t> args) {
+// The staged payload named by the request's "_kv_key" into request.data; false (logged, with
+// the reply text in *failure) when the key is malformed or the payload cannot be had.
+bool s_fetch_staged(qv_nats_config* config, json_object* kv_key, qv_message_t* request,
+                    const char** failure) {
+    const std::string_view key =
+        json_object_is_type(kv_key, json_type_string)
+            ? std::string_view(json_object_get_string(kv_key),
+                               static_cast<size_t>(json_object_get_string_len(kv_key)))
+            : std::string_view();
+    if (!qv_valid_key(key)) {
+        qv_log_refused("NATS: invalid staged payload key", key);
+        *failure = "Invalid staged payload key";
+        return false;
+    }
+    request->staged_data_key.assign(key);
+    if (kvstore_get_chunked(config, request->staged_data_key.c_str(), &request->data) != 0) {
+        log_error(
+            "NATS: could not retrieve staged payload for key '%s' — failing the request closed "
+            "(handler not invoked)",
+            request->staged_data_key.c_str());
+        *failure = "Scan data unavailable: staged payload could not be retrieved from the KV store";
+        return false;
+    }
+    return true;
+}
+
+void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
+    const int body_len = natsMsg_GetDataLength(msg);
+    const char* reply_subject = natsMsg_GetReply(msg);
+    const bool answer = reply_subject != nullptr && reply_subject[0] != '\0';
+    qv_request_reply_t rr;
+    int rc = -1;
+    if (body_len > 0) {
+        rr.request.json_txt.assign(natsMsg_GetData(msg), static_cast<size_t>(body_len));
+        const char* failure = nullptr;
+        qv::json_ptr obj = qv_json_parse(rr.request.json_txt);
+        json_object* kv_key = nullptr;
+        if (obj && json_object_is_type(obj.get(), json_type_object) &&
+            json_object_object_get_ex(obj.get(), "_kv_key", &kv_key)) {
+            s_fetch_staged(args.config, kv_key, &rr.request, &failure);
+            json_object_object_del(obj.get(), "_kv_key");
+            rr.request.json_txt = qv_json_to_string(obj.get());
+        }
+        if (failure != nullptr) {
+            qv_reply_set_ERROR(&rr.reply, SERVICE_ERROR, failure);
+        } else {
+            qv_const_request_reply_t crr{&rr.request, &rr.reply};
+            try {
+                rc = args.handler(args.handler_config, &crr);
+            } catch (const std::exception& e) {
+                log_error("NATS: handler for '%s' threw: %s", args.service.c_str(), e.what());
+            } catch (...) {
+                log_error("NATS: handler for '%s' threw an unknown exception",
+                          args.service.c_str());
+            }
+        }
+    }
+    if (!answer) {
+        return;
+    }
+    // Every request with a reply subject gets a body, also when the handler left none (or the
+    // request had none): a requester never waits out its time-out for nothing.
+    if (rr.reply.json_txt.empty()) {
+        log_warn("Creating generic error reply");
+        qv_reply_set_return_code(&rr.reply, rc);
+    }
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(args.config);
+    natsStatus s = conn
+                       ? natsConnection_Publish(conn.get(), reply_subject, rr.reply.json_txt.data(),
+                                                static_cast<int>(rr.reply.json_txt.size()))
+                       : NATS_CONNECTION_CLOSED;
+    if (s != NATS_OK) {
+        log_error("NATS: failed to publish reply: %s", natsStatus_GetText(s));
+    }
+}
+
+void s_handler_thread(const std::shared_ptr<qv_nats_handler_thread_args_t>& args) {
     log_info("NATS: handler thread started");
-    while (args->terminate == nullptr || args->terminate->load() == 0) {
+    qv_nats_config* config = args->config;
+    while (!s_stopped(*args)) {
+        std::shared_ptr<natsSubscription> sub = s_current_sub(*args);
+        natsStatus s = NATS_INVALID_SUBSCRIPTION;
         natsMsg* raw = nullptr;
-        natsStatus s = natsSubscription_NextMsg(&raw, args->sub.get(), 500);
+        if (sub) {
+            s = natsSubscription_NextMsg(&raw, sub.get(), 500);
+            s_report_drops(*args, sub.get());
+        }
         qv::nats_msg_ptr msg(raw);
-        if (s == NATS_TIMEOUT) {
+        if (s == NATS_TIMEOUT || s == NATS_SLOW_CONSUMER) {
             continue;
         }
         if (s == NATS_CONNECTION_CLOSED || s == NATS_INVALID_SUBSCRIPTION) {
-            break;
+            if (config->_closing.load()) {
+                break;
+            }
+            // The library gave the connection up: qv_nats_check_connection builds a new one and
+            // subscribes again; until then there is nothing to receive.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            continue;
         }
         if (s != NATS_OK) {
             log_warn("NATS: handler NextMsg error: %s", natsStatus_GetText(s));
@@ -536,6 +951,18 @@ void s_handler_thread(std::shared_ptr<qv_nats_handler_thread_args_t> args) {
     log_info("NATS: handler thread exiting");
 }
 
+// Ends one handler thread's share of the service; the last one takes the service off the
+// connection's list (its subscription goes with it).
+void s_thread_done(const std::shared_ptr<qv_nats_handler_thread_args_t>& args) {
+    qv_nats_config* config = args->config;
+    if (args->threads.fetch_sub(1) == 1) {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        auto& services = config->_services;
+        services.erase(std::remove(services.begin(), services.end(), args), services.end());
+    }
+    config->_handler_threads.fetch_sub(1);
+}
+
 }  // namespace
 
 int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* service,
@@ -543,28 +970,36 @@ int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* se
                                           void* request_handler_config,
                                           const std::atomic<int>* terminate,
                                           int number_of_threads) {
-    if (config == nullptr || !config->_conn || service == nullptr || request_handler == nullptr ||
-        number_of_threads <= 0) {
+    std::shared_ptr<natsConnection> conn = qv_nats_connection(config);
+    if (!conn || service == nullptr || request_handler == nullptr || number_of_threads <= 0) {
         log_error("NATS: invalid parameters for start_service_handler_threads");
         return -1;
     }
-    natsSubscription* raw = nullptr;
-    natsStatus s = natsConnection_QueueSubscribeSync(&raw, config->_conn.get(), service, service);
-    qv::nats_subscription_ptr sub(raw);
-    if (s != NATS_OK) {
-        log_error("NATS: failed to subscribe to '%s': %s", service, natsStatus_GetText(s));
+    if (!qv_valid_publish_subject(service)) {
+        qv_log_refused("NATS: invalid service subject", service);
         return -1;
     }
-    natsSubscription_SetPendingLimits(sub.get(), 50, 838860800);
+    std::shared_ptr<natsSubscription> sub = s_subscribe(conn.get(), service);
+    if (!sub) {
+        return -1;
+    }
     log_info("NATS: starting %d handler thread(s) for service '%s'", number_of_threads, service);
     auto args = std::make_shared<qv_nats_handler_thread_args_t>();
     args->config = config;
+    args->service = service;
     args->sub = std::move(sub);
     args->handler = request_handler;
     args->handler_config = request_handler_config;
     args->terminate = terminate;
+    {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        config->_services.push_back(args);
+    }
+    // Held until every thread is started, so that an early exit cannot unlist the service.
+    args->threads.fetch_add(1);
     for (int i = 0; i < number_of_threads; ++i) {
         try {
+            args->threads.fetch_add(1);
             config->_handler_threads.fetch_add(1);
             std::thread([args]() {
                 try {
@@ -572,12 +1007,18 @@ int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* se
                 } catch (const std::exception& e) {
                     log_error("NATS: handler thread ended by exception: %s", e.what());
                 }
-                args->config->_handler_threads.fetch_sub(1);
+                s_thread_done(args);
             }).detach();
         } catch (const std::system_error& e) {
+            args->threads.fetch_sub(1);
             config->_handler_threads.fetch_sub(1);
             log_error("NATS: failed to create handler thread %d: %s", i, e.what());
         }
+    }
+    if (args->threads.fetch_sub(1) == 1) {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        auto& services = config->_services;
+        services.erase(std::remove(services.begin(), services.end(), args), services.end());
     }
     return 0;
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,19 @@
 
 // Connects and sets _conn and, when possible, _js. 0 or -1.
 int qv_nats_init(qv_nats_config* config);
-// Releases the bucket handles, the JetStream context and the connection. Safe on null.
+// Releases the bucket handles, the JetStream context and the connection; handler threads that
+// find the connection closed then end. Safe on null.
 void qv_nats_deinit(qv_nats_config* config);
+// Keeps the process reachable: when the library has given the connection up for good (closed it
+// although nobody asked), builds a new one with the same settings and subscribes every offered
+// service again; also renews a service subscription that did not survive. The daemon calls it
+// from its main loop. 0 when all is in place, -1 when something must be tried again later.
+int qv_nats_check_connection(qv_nats_config* config);
+
+// The live connection and JetStream context, shared for the duration of one operation (a
+// rebuilt connection replaces them). Null when there is none.
+std::shared_ptr<natsConnection> qv_nats_connection(qv_nats_config* config);
+std::shared_ptr<jsCtx> qv_nats_jetstream(qv_nats_config* config);
 
 // Sends the JSON text to `service` and waits for the reply; `retries` more attempts after the
 // first. Null on failure, with the reason in *errormsg when given.
@@ -42,8 +54,10 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
                                             const std::string& request_json_txt,
                                             uint32_t timeout_ms, int attempts);
 // Starts `number_of_threads` detached threads sharing one queue subscription on `service`
-// (subject and queue group). Each ends when *terminate becomes non-zero or the connection
-// closes. 0 or -1.
+// (subject and queue group). Each ends when *terminate becomes non-zero or qv_nats_deinit closes
+// the connection; a connection the library closed by itself only pauses them until
+// qv_nats_check_connection has subscribed the service again. Every request with a reply subject
+// is answered: a handler that leaves no reply gets {"ReturnCode": <its status>}. 0 or -1.
 int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* service,
                                           qv_service_handler_t request_handler,
                                           void* request_handler_config,

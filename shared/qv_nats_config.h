@@ -3,12 +3,16 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "qv_handles.h"
+
+struct qv_nats_handler_thread_args_t;
 
 struct qv_nats_config {
     std::string server_url;
@@ -30,18 +34,29 @@ struct qv_nats_config {
     // Transport-specific extras (the AMQP client keeps its state here).
     std::shared_ptr<void> extra_params;
 
-    // Live handles; declared so that buckets go before the JetStream context and the context
-    // before the connection.
-    qv::nats_connection_ptr _conn;
-    qv::js_ctx_ptr _js;
-    qv::kv_store_ptr _kv;
-    qv::kv_store_ptr _kv_registry;
-    std::array<qv::kv_store_ptr, 6> _kv_extra;
+    // Largest staged payload a served request may announce (MAX_STAGED_PAYLOAD); a larger
+    // manifest fails the request before anything is allocated or read.
+    uint64_t max_staged_payload = 268435456;
+
+    // Live handles. They are replaced together when the library gives a connection up for good
+    // (qv_nats_check_connection), so every user takes shared copies under _kv_mutex and keeps
+    // them for one operation: a replaced connection goes only after its last user is done.
+    std::shared_ptr<natsConnection> _conn;
+    std::shared_ptr<jsCtx> _js;
+    std::shared_ptr<kvStore> _kv;
+    std::shared_ptr<kvStore> _kv_registry;
+    std::array<std::shared_ptr<kvStore>, 6> _kv_extra;
     std::array<std::string, 6> _kv_extra_name;
-    // Guards the lazily opened bucket handles above.
+    // Guards the handles above.
     std::mutex _kv_mutex;
     // Service handler threads still running on this connection.
     std::atomic<int> _handler_threads{0};
+    // Set by qv_nats_deinit: handler threads that find the connection closed leave instead of
+    // waiting for a new one.
+    std::atomic<bool> _closing{false};
+    // The services offered on this connection, subscribed again on a rebuilt connection.
+    std::mutex _services_mutex;
+    std::vector<std::shared_ptr<qv_nats_handler_thread_args_t>> _services;
 };
 
 std::unique_ptr<qv_nats_config> qv_nats_config_new();

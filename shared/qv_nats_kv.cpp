@@ -11,10 +11,12 @@
 
 #include "log.h"
 #include "qv_json.h"
+#include "qv_nats_client.h"
+#include "qv_validate.h"
 
 namespace {
 
-std::atomic<bool> s_kv_msg_ttl_unsupported{false};
+using kv_handle = std::shared_ptr<kvStore>;
 
 // The "%s%s%s" tail of the messages: status text, then " — " and the library's last error.
 struct s_tail {
@@ -43,6 +45,16 @@ size_t s_chunk_count(size_t size) {
     return n == 0 ? 1 : n;
 }
 
+// Every key reaches the library only after this check: a blank, a wildcard or an overlong key
+// in a subject makes nats-server close the whole connection.
+bool s_key_ok(const char* key) {
+    if (key != nullptr && qv_valid_key(key, QV_KV_KEY_MAX)) {
+        return true;
+    }
+    qv_log_refused("NATS: invalid KV key", key != nullptr ? key : "");
+    return false;
+}
+
 // A message for `subject` carrying the time-to-live header when `ttl_ms` > 0.
 qv::nats_msg_ptr s_make_msg(const std::string& subject, const void* data, size_t len,
                             int64_t ttl_ms) {
@@ -62,24 +74,28 @@ qv::nats_msg_ptr s_make_msg(const std::string& subject, const void* data, size_t
 }
 
 natsStatus s_js_publish_sync(jsCtx* js, const std::string& subject, const void* data, size_t len,
-                             int64_t ttl_ms) {
+                             int64_t ttl_ms, jsPubOptions* opts = nullptr,
+                             jsErrCode* err = nullptr) {
     qv::nats_msg_ptr msg = s_make_msg(subject, data, len, ttl_ms);
     if (!msg) {
         return NATS_NO_MEMORY;
     }
     jsPubAck* ack = nullptr;
-    natsStatus s = js_PublishMsg(&ack, js, msg.get(), nullptr, nullptr);
+    natsStatus s = js_PublishMsg(&ack, js, msg.get(), opts, err);
     jsPubAck_Destroy(ack);
     return s;
 }
 
-kvStore* s_bind(qv_nats_config* cfg, const char* bucket, qv::kv_store_ptr* slot) {
-    if (cfg == nullptr || !cfg->_js) {
+kv_handle s_bind(qv_nats_config* cfg, const char* bucket, kv_handle* slot) {
+    if (cfg == nullptr) {
         return nullptr;
     }
     std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
     if (*slot) {
-        return slot->get();
+        return *slot;
+    }
+    if (!cfg->_js) {
+        return nullptr;
     }
     kvStore* kv = nullptr;
     natsStatus s = js_KeyValue(&kv, cfg->_js.get(), bucket);
@@ -90,15 +106,18 @@ kvStore* s_bind(qv_nats_config* cfg, const char* bucket, qv::kv_store_ptr* slot)
             bucket, natsStatus_GetText(s));
         return nullptr;
     }
-    slot->reset(kv);
-    return kv;
+    *slot = kv_handle(kv, kvStore_Destroy);
+    return *slot;
 }
 
+// The time-to-live is tried for this write alone: a refused per-message time-to-live falls back
+// to the bucket's maximum age for this put, and the next put tries again. One failed write (a
+// time-out, a restarting server) must not switch expiry off for the rest of the process.
 int kv_put_with_ttl(qv_nats_config* cfg, const char* bucket, kvStore* kv, const char* key,
                     const void* value, size_t len, int64_t ttl_ms) {
-    if (ttl_ms >= 1 && cfg->_js && !s_kv_msg_ttl_unsupported.load()) {
-        natsStatus s =
-            s_js_publish_sync(cfg->_js.get(), s_subject(bucket, key), value, len, ttl_ms);
+    std::shared_ptr<jsCtx> js = qv_nats_jetstream(cfg);
+    if (ttl_ms >= 1 && js) {
+        natsStatus s = s_js_publish_sync(js.get(), s_subject(bucket, key), value, len, ttl_ms);
         if (s == NATS_OK) {
             return 0;
         }
@@ -107,7 +126,6 @@ int kv_put_with_ttl(qv_nats_config* cfg, const char* bucket, kvStore* kv, const 
             "NATS: per-message TTL write for '%s' rejected (%s%s%s); falling back to bucket "
             "TTL. Ensure the KV stream has AllowMsgTTL.",
             key, t.status.c_str(), t.sep.c_str(), t.last.c_str());
-        s_kv_msg_ttl_unsupported.store(true);
     }
     uint64_t rev = 0;
     natsStatus s = kvStore_Put(&rev, kv, key, value, static_cast<int>(len));
@@ -122,11 +140,13 @@ int kv_put_with_ttl(qv_nats_config* cfg, const char* bucket, kvStore* kv, const 
 
 int kv_put_chunks_pipelined(qv_nats_config* cfg, const char* key, const unsigned char* data,
                             size_t size, size_t n, int64_t ttl_ms) {
-    kvStore* kv = get_kvstore(cfg);
-    if (!cfg->_js || kv == nullptr) {
+    kv_handle kv_ref = get_kvstore(cfg);
+    std::shared_ptr<jsCtx> js_ref = qv_nats_jetstream(cfg);
+    if (!js_ref || !kv_ref) {
         return -1;
     }
-    jsCtx* js = cfg->_js.get();
+    kvStore* kv = kv_ref.get();
+    jsCtx* js = js_ref.get();
     jsPubOptions wait_opts;
     jsPubOptions_Init(&wait_opts);
     wait_opts.MaxWait = 30000;
@@ -199,35 +219,37 @@ natsStatus kv_get_retry(kvStore* kv, const char* key, qv::kv_entry_ptr* out) {
     }
 }
 
-// Reads the manifest's "chunks" and "size" (a missing member reads as 0).
+// Reads the manifest's "chunks" and "size" (a missing member reads as 0; a member that is not an
+// integer makes the manifest unreadable).
 bool s_parse_manifest(const char* text, size_t len, int64_t* chunks, int64_t* size) {
     qv::json_ptr obj = qv_json_parse(std::string_view(text, len));
     if (!obj || !json_object_is_type(obj.get(), json_type_object)) {
         return false;
     }
-    json_object* member = nullptr;
-    *chunks =
-        json_object_object_get_ex(obj.get(), "chunks", &member) ? json_object_get_int64(member) : 0;
-    *size =
-        json_object_object_get_ex(obj.get(), "size", &member) ? json_object_get_int64(member) : 0;
+    for (auto [name, out] : {std::pair{"chunks", chunks}, std::pair{"size", size}}) {
+        json_object* member = nullptr;
+        *out = 0;
+        if (json_object_object_get_ex(obj.get(), name, &member)) {
+            if (!json_object_is_type(member, json_type_int)) {
+                return false;
+            }
+            *out = json_object_get_int64(member);
+        }
+    }
     return true;
 }
 
 }  // namespace
 
-bool qv_nats_kv_msg_ttl_unsupported() {
-    return s_kv_msg_ttl_unsupported.load();
-}
-
-kvStore* get_kvstore(qv_nats_config* cfg) {
+std::shared_ptr<kvStore> get_kvstore(qv_nats_config* cfg) {
     return cfg == nullptr ? nullptr : s_bind(cfg, QV_KV_SCAN_DATA_BUCKET, &cfg->_kv);
 }
 
-kvStore* get_registry_kvstore(qv_nats_config* cfg) {
+std::shared_ptr<kvStore> get_registry_kvstore(qv_nats_config* cfg) {
     return cfg == nullptr ? nullptr : s_bind(cfg, QV_KV_REGISTRY_BUCKET, &cfg->_kv_registry);
 }
 
-kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
+std::shared_ptr<kvStore> get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
     if (cfg == nullptr || bucket == nullptr || bucket[0] == '\0') {
         return nullptr;
     }
@@ -237,18 +259,18 @@ kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
     if (strcmp(bucket, QV_KV_REGISTRY_BUCKET) == 0) {
         return get_registry_kvstore(cfg);
     }
+    std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
     if (!cfg->_js) {
         return nullptr;
     }
-    std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
     for (size_t i = 0; i < QV_NATS_KV_EXTRA_BUCKETS; ++i) {
         if (cfg->_kv_extra[i] && cfg->_kv_extra_name[i] == bucket) {
-            return cfg->_kv_extra[i].get();
+            return cfg->_kv_extra[i];
         }
     }
     kvStore* raw = nullptr;
     natsStatus s = js_KeyValue(&raw, cfg->_js.get(), bucket);
-    qv::kv_store_ptr kv(raw);
+    kv_handle kv(raw, kvStore_Destroy);
     if (s != NATS_OK) {
         log_error(
             "NATS: KV bucket '%s' not found — qv-av-broker should have created it at "
@@ -260,7 +282,7 @@ kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
         if (!cfg->_kv_extra[i]) {
             cfg->_kv_extra[i] = std::move(kv);
             cfg->_kv_extra_name[i] = bucket;
-            return cfg->_kv_extra[i].get();
+            return cfg->_kv_extra[i];
         }
     }
     log_warn("NATS: KV handle cache full; binding '%s' uncached (raise QV_NATS_KV_EXTRA_BUCKETS)",
@@ -270,21 +292,21 @@ kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket) {
 
 int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned char* data,
                         size_t size, int64_t ttl_ms) {
-    if (cfg == nullptr || key == nullptr || (data == nullptr && size > 0)) {
+    if (cfg == nullptr || key == nullptr || (data == nullptr && size > 0) || !s_key_ok(key)) {
         return -1;
     }
     const size_t n = s_chunk_count(size);
-    if (ttl_ms > 0 && !s_kv_msg_ttl_unsupported.load()) {
+    if (ttl_ms > 0) {
         if (kv_put_chunks_pipelined(cfg, key, data, size, n, ttl_ms) == 0) {
             log_trace("NATS: KV put: key=%s, size=%zu, chunks=%zu, ttl=%lldms (pipelined)", key,
                       size, n, static_cast<long long>(ttl_ms));
             return 0;
         }
+        // Decided for this payload alone, like every time-to-live write.
         log_warn(
             "NATS: per-message TTL write for key=%s failed; falling back to bucket TTL. "
             "Ensure the KV stream has AllowMsgTTL.",
             key);
-        s_kv_msg_ttl_unsupported.store(true);
     }
     int rc = kv_put_chunks_pipelined(cfg, key, data, size, n, 0);
     if (rc == 0) {
@@ -295,10 +317,11 @@ int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned cha
 }
 
 int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out) {
-    kvStore* kv = get_kvstore(cfg);
-    if (kv == nullptr || key == nullptr || out == nullptr) {
+    kv_handle kv_ref = get_kvstore(cfg);
+    if (!kv_ref || key == nullptr || out == nullptr || !s_key_ok(key)) {
         return -1;
     }
+    kvStore* kv = kv_ref.get();
     qv::kv_entry_ptr entry;
     natsStatus s = kv_get_retry(kv, key, &entry);
     if (s != NATS_OK || !entry) {
@@ -310,9 +333,18 @@ int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsign
     int64_t size = 0;
     const int mlen = kvEntry_ValueLen(entry.get());
     if (!s_parse_manifest(static_cast<const char*>(kvEntry_Value(entry.get())),
-                          mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size) ||
-        size < 0) {
+                          mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size)) {
         log_error("NATS: KV metadata parse failed for '%s'", key);
+        return -1;
+    }
+    // Checked before anything is allocated or read: a manifest is written by whoever sent the
+    // request, and its size decides the allocation.
+    if (!qv_valid_staged_manifest(chunks, size, QV_KV_CHUNK_SIZE, cfg->max_staged_payload)) {
+        log_error(
+            "NATS: KV metadata for '%s' refused: %lld chunk(s) cannot hold %lld bytes, or more "
+            "than %llu bytes (MAX_STAGED_PAYLOAD)",
+            key, static_cast<long long>(chunks), static_cast<long long>(size),
+            static_cast<unsigned long long>(cfg->max_staged_payload));
         return -1;
     }
     std::vector<unsigned char> buffer;
@@ -349,10 +381,11 @@ int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsign
 }
 
 void kvstore_delete_chunked(qv_nats_config* cfg, const char* key) {
-    kvStore* kv = get_kvstore(cfg);
-    if (kv == nullptr || key == nullptr) {
+    kv_handle kv_ref = get_kvstore(cfg);
+    if (!kv_ref || key == nullptr || !s_key_ok(key)) {
         return;
     }
+    kvStore* kv = kv_ref.get();
     kvEntry* raw = nullptr;
     if (kvStore_Get(&raw, kv, key) == NATS_OK) {
         qv::kv_entry_ptr entry(raw);
@@ -360,7 +393,8 @@ void kvstore_delete_chunked(qv_nats_config* cfg, const char* key) {
         int64_t size = 0;
         const int mlen = kvEntry_ValueLen(entry.get());
         if (s_parse_manifest(static_cast<const char*>(kvEntry_Value(entry.get())),
-                             mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size)) {
+                             mlen > 0 ? static_cast<size_t>(mlen) : 0, &chunks, &size) &&
+            qv_valid_staged_manifest(chunks, size, QV_KV_CHUNK_SIZE, UINT64_MAX)) {
             for (int64_t i = 0; i < chunks; ++i) {
                 kvStore_Delete(kv, s_chunk_key(key, static_cast<size_t>(i)).c_str());
             }
@@ -419,15 +453,15 @@ int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
         out_value->clear();
     }
     if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
-        out_value == nullptr) {
+        out_value == nullptr || !s_key_ok(key)) {
         return -1;
     }
-    kvStore* kv = get_kvstore_for(cfg, bucket);
-    if (kv == nullptr) {
+    kv_handle kv = get_kvstore_for(cfg, bucket);
+    if (!kv) {
         return -1;
     }
     kvEntry* raw = nullptr;
-    natsStatus s = kvStore_Get(&raw, kv, key);
+    natsStatus s = kvStore_Get(&raw, kv.get(), key);
     qv::kv_entry_ptr entry(raw);
     if (s == NATS_NOT_FOUND) {
         return 1;
@@ -449,23 +483,23 @@ int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
 int qv_nats_kv_put(qv_nats_config* cfg, const char* bucket, const char* key, const char* value,
                    int64_t ttl_ms) {
     if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
-        value == nullptr) {
+        value == nullptr || !s_key_ok(key)) {
         return -1;
     }
-    kvStore* kv = get_kvstore_for(cfg, bucket);
-    if (kv == nullptr) {
+    kv_handle kv = get_kvstore_for(cfg, bucket);
+    if (!kv) {
         return -1;
     }
-    return kv_put_with_ttl(cfg, bucket, kv, key, value, strlen(value), ttl_ms);
+    return kv_put_with_ttl(cfg, bucket, kv.get(), key, value, strlen(value), ttl_ms);
 }
 
 void qv_nats_kv_delete(qv_nats_config* cfg, const char* bucket, const char* key) {
-    if (key == nullptr || key[0] == '\0') {
+    if (key == nullptr || key[0] == '\0' || !s_key_ok(key)) {
         return;
     }
-    kvStore* kv = get_kvstore_for(cfg, bucket);
-    if (kv != nullptr) {
-        kvStore_Delete(kv, key);
+    kv_handle kv = get_kvstore_for(cfg, bucket);
+    if (kv) {
+        kvStore_Delete(kv.get(), key);
     }
 }
 
@@ -474,12 +508,13 @@ int qv_nats_kv_snapshot(qv_nats_config* cfg, const char* bucket,
     if (cfg == nullptr || bucket == nullptr || !callback) {
         return -1;
     }
-    if (!cfg->_js) {
+    std::shared_ptr<jsCtx> js = qv_nats_jetstream(cfg);
+    if (!js) {
         log_error("NATS: KV snapshot on '%s' requested but JetStream is not available", bucket);
         return -1;
     }
     kvStore* raw_kv = nullptr;
-    natsStatus s = js_KeyValue(&raw_kv, cfg->_js.get(), bucket);
+    natsStatus s = js_KeyValue(&raw_kv, js.get(), bucket);
     qv::kv_store_ptr kv(raw_kv);
     if (s != NATS_OK) {
         log_error("NATS: KV snapshot bind '%s' failed: %s", bucket, natsStatus_GetText(s));
@@ -536,40 +571,126 @@ int qv_nats_kv_keys(qv_nats_config* cfg, const char* bucket, const char* prefix,
     });
 }
 
+namespace {
+
+enum class s_lease_write { written, lost, failed };
+
+// Writes the lease only if the key is still where it was read: at `revision`, or absent when
+// `revision` is 0. Several daemons may ask at the same instant; the server lets exactly one
+// write through.
+s_lease_write s_write_lease(jsCtx* js, const char* bucket, const char* key, const char* owner,
+                            uint64_t revision, int64_t ttl_ms) {
+    jsPubOptions opts;
+    jsPubOptions_Init(&opts);
+    if (revision == 0) {
+        opts.ExpectNoMessage = true;
+    } else {
+        opts.ExpectLastSubjectSeq = revision;
+    }
+    jsErrCode err = static_cast<jsErrCode>(0);
+    natsStatus s =
+        s_js_publish_sync(js, s_subject(bucket, key), owner, strlen(owner), ttl_ms, &opts, &err);
+    if (s == NATS_OK) {
+        return s_lease_write::written;
+    }
+    if (err == JSStreamWrongLastSequenceErr) {
+        return s_lease_write::lost;
+    }
+    s_tail t(s);
+    log_error("NATS: KV put '%s' failed: %s%s%s", key, t.status.c_str(), t.sep.c_str(),
+              t.last.c_str());
+    return s_lease_write::failed;
+}
+
+// The revision of a deleted or purged key's marker, so that a lease can be taken over it; 0
+// when the key holds a live value again (someone took it) or has no message at all.
+uint64_t s_marker_revision(jsCtx* js, const char* bucket, const char* key) {
+    natsMsg* raw = nullptr;
+    const std::string stream = std::string("KV_") + bucket;
+    if (js_GetLastMsg(&raw, js, stream.c_str(), s_subject(bucket, key).c_str(), nullptr, nullptr) !=
+        NATS_OK) {
+        return 0;
+    }
+    qv::nats_msg_ptr msg(raw);
+    const char* op = nullptr;
+    if (natsMsgHeader_Get(msg.get(), "KV-Operation", &op) != NATS_OK || op == nullptr ||
+        (strcmp(op, "DEL") != 0 && strcmp(op, "PURGE") != 0)) {
+        return 0;
+    }
+    return natsMsg_GetSequence(msg.get());
+}
+
+}  // namespace
+
 int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, const char* owner,
                      int64_t ttl_ms) {
     if (cfg == nullptr || bucket == nullptr || key == nullptr || key[0] == '\0' ||
-        owner == nullptr || owner[0] == '\0') {
+        owner == nullptr || owner[0] == '\0' || !s_key_ok(key)) {
         return -1;
     }
-    std::string holder;
-    int found = qv_nats_kv_get(cfg, bucket, key, &holder);
-    if (found < 0) {
+    kv_handle kv = get_kvstore_for(cfg, bucket);
+    std::shared_ptr<jsCtx> js = qv_nats_jetstream(cfg);
+    if (!kv || !js) {
         return -1;
     }
-    if (found == 1 || holder == owner) {
-        return qv_nats_kv_put(cfg, bucket, key, owner, ttl_ms) == 0 ? 1 : -1;
+    kvEntry* raw = nullptr;
+    natsStatus s = kvStore_Get(&raw, kv.get(), key);
+    qv::kv_entry_ptr entry(raw);
+    s_lease_write written = s_lease_write::failed;
+    if (s == NATS_OK && entry) {
+        const int len = kvEntry_ValueLen(entry.get());
+        const std::string_view holder(static_cast<const char*>(kvEntry_Value(entry.get())),
+                                      len > 0 ? static_cast<size_t>(len) : 0);
+        if (holder != owner) {
+            return 0;
+        }
+        written =
+            s_write_lease(js.get(), bucket, key, owner, kvEntry_Revision(entry.get()), ttl_ms);
+    } else if (s == NATS_NOT_FOUND) {
+        written = s_write_lease(js.get(), bucket, key, owner, 0, ttl_ms);
+        if (written == s_lease_write::lost) {
+            // "Not found" also covers a key whose last message is a delete marker.
+            const uint64_t marker = s_marker_revision(js.get(), bucket, key);
+            if (marker != 0) {
+                written = s_write_lease(js.get(), bucket, key, owner, marker, ttl_ms);
+            }
+        }
+    } else {
+        s_tail t(s);
+        log_error("NATS: KV get '%s' failed: %s%s%s", key, t.status.c_str(), t.sep.c_str(),
+                  t.last.c_str());
+        return -1;
     }
-    return 0;
+    switch (written) {
+        case s_lease_write::written:
+            return 1;
+        case s_lease_write::lost:
+            return 0;
+        default:
+            return -1;
+    }
 }
 
 int qv_nats_registry_put(qv_nats_config* cfg, const char* key, const char* value, int64_t ttl_ms) {
-    if (cfg == nullptr || key == nullptr || key[0] == '\0' || value == nullptr) {
+    if (cfg == nullptr || key == nullptr || key[0] == '\0' || value == nullptr || !s_key_ok(key)) {
         return -1;
     }
-    kvStore* kv = get_registry_kvstore(cfg);
-    if (kv == nullptr) {
+    kv_handle kv = get_registry_kvstore(cfg);
+    if (!kv) {
         return -1;
     }
     if (ttl_ms < 1) {
         ttl_ms = 15000;
     }
-    return kv_put_with_ttl(cfg, QV_KV_REGISTRY_BUCKET, kv, key, value, strlen(value), ttl_ms);
+    return kv_put_with_ttl(cfg, QV_KV_REGISTRY_BUCKET, kv.get(), key, value, strlen(value), ttl_ms);
 }
 
 void qv_nats_registry_delete(qv_nats_config* cfg, const char* key) {
-    kvStore* kv = get_registry_kvstore(cfg);
-    if (kv != nullptr && key != nullptr) {
-        kvStore_Delete(kv, key);
+    if (key == nullptr || !s_key_ok(key)) {
+        return;
+    }
+    kv_handle kv = get_registry_kvstore(cfg);
+    if (kv) {
+        kvStore_Delete(kv.get(), key);
     }
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,17 @@ inline constexpr size_t QV_KV_CHUNK_SIZE = 524288;
 // Extra bucket handles cached per connection.
 inline constexpr size_t QV_NATS_KV_EXTRA_BUCKETS = 6;
 
-// Bucket handles, bound on first use and kept until qv_nats_deinit. Null when unavailable.
-kvStore* get_kvstore(qv_nats_config* cfg);
-kvStore* get_registry_kvstore(qv_nats_config* cfg);
-kvStore* get_kvstore_for(qv_nats_config* cfg, const char* bucket);
+// Bucket handles, bound on first use and kept until qv_nats_deinit (or a rebuilt connection).
+// Null when unavailable. The caller keeps its copy for the duration of one operation.
+std::shared_ptr<kvStore> get_kvstore(qv_nats_config* cfg);
+std::shared_ptr<kvStore> get_registry_kvstore(qv_nats_config* cfg);
+std::shared_ptr<kvStore> get_kvstore_for(qv_nats_config* cfg, const char* bucket);
 
 // Chunked payloads in the scan-data bucket.
 int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned char* data,
                         size_t size, int64_t ttl_ms);
+// -1 also when the manifest's chunk count does not fit its size or the size exceeds
+// cfg->max_staged_payload (nothing is allocated or read then).
 int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out);
 void kvstore_delete_chunked(qv_nats_config* cfg, const char* key);
 // A unique key for staged data: "scan-<pid>-<thread>-<monotonic ns>" in hexadecimal.
@@ -48,12 +52,11 @@ using qv_kv_key_cb = std::function<void(const char* key)>;
 int qv_nats_kv_snapshot(qv_nats_config* cfg, const char* bucket, const qv_kv_snapshot_cb& callback);
 int qv_nats_kv_keys(qv_nats_config* cfg, const char* bucket, const char* prefix,
                     const qv_kv_key_cb& callback);
-// 1 lease held by `owner` (taken or renewed), 0 held by someone else, -1 on error.
+// 1 lease held by `owner` (taken or renewed), 0 held by someone else, -1 on error. Exclusive: it
+// is taken only by creating the absent key and renewed only at the revision read, so two
+// contenders can never both hold it.
 int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, const char* owner,
                      int64_t ttl_ms);
 
 int qv_nats_registry_put(qv_nats_config* cfg, const char* key, const char* value, int64_t ttl_ms);
 void qv_nats_registry_delete(qv_nats_config* cfg, const char* key);
-
-// Process-wide: set once the server rejected a per-message time-to-live.
-bool qv_nats_kv_msg_ttl_unsupported();

@@ -48,18 +48,26 @@ uint64_t qv_nats_nr_next_backoff_ms(const qv_nats_nr_state_t* state, uint64_t ti
     return backoff;
 }
 
-bool qv_nats_nr_should_retry(qv_nats_nr_state_t* state, uint64_t timeout_ms, const char* subject) {
+uint64_t qv_nats_nr_take_step(qv_nats_nr_state_t* state, uint64_t timeout_ms, const char* subject) {
     struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const uint64_t backoff = qv_nats_nr_next_backoff_ms(state, timeout_ms, now);
     if (backoff == 0) {
-        return false;
+        return 0;
     }
     log_debug("nats: no responders for %s - backoff %lums, retry %u/%u",
               subject != nullptr ? subject : "(unknown)", static_cast<unsigned long>(backoff),
               state->retries + 1, s_max_retries);
-    std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
     state->waited_ms += backoff;
     state->retries++;
+    return backoff;
+}
+
+bool qv_nats_nr_should_retry(qv_nats_nr_state_t* state, uint64_t timeout_ms, const char* subject) {
+    const uint64_t backoff = qv_nats_nr_take_step(state, timeout_ms, subject);
+    if (backoff == 0) {
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
     return true;
 }

@@ -272,6 +272,8 @@ void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_par
             log_info("Signal received. Exiting gracefully...");
             break;
         }
+        // A connection the library gave up is built anew here, so the daemon never idles deaf.
+        qv_nats_check_connection(config->main_nats_config.get());
         if (!config->cloud_mode && !config->cloud_management) {
             qvctrl_check_flush_config_caches(config, "qv-av-mimescan",
                                              s_config_dir(config->basedir, "mime").c_str(),

@@ -476,6 +476,17 @@ int s_read_nats_config(const char* section, const char* prefix, const ini_t* ini
     }
     cfg.user = user;
     log_debug("Set NATS user: %s", cfg.user.c_str());
+
+    // The largest staged payload a served request may announce, in bytes.
+    const std::string staged_key = std::string(prefix) + "MAX_STAGED_PAYLOAD";
+    long max_staged = 0;
+    const int staged_found = qv_config_read_long(ini, section, staged_key.c_str(), &max_staged);
+    if (staged_found < 0) {
+        return -1;
+    }
+    if (staged_found == QV_CONFIG_FOUND && max_staged > 0) {
+        cfg.max_staged_payload = static_cast<uint64_t>(max_staged);
+    }
     return 0;
 }
 

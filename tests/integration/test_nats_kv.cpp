@@ -198,7 +198,6 @@ TEST_F(KvFixture, RegistryEntriesWithTimeToLive) {
     EXPECT_EQ(raw_get(QV_KV_REGISTRY_BUCKET, "worker.a"), "<1>");
     EXPECT_EQ(qv_kv_ttl_ms_for(100), 1000);
     EXPECT_EQ(qv_kv_ttl_ms_for(5000), 5500);
-    EXPECT_FALSE(qv_nats_kv_msg_ttl_unsupported());
 }
 
 TEST_F(KvFixture, StagedRequestsReachTheHandlerAndAreCleanedUp) {
