@@ -18,9 +18,11 @@
 
 namespace {
 
-// The file to collect. The writer appends to "<basedir_epolog>/[<realm>/]epo.log", while the
-// collector has always taken basedir_epolog as the file itself; both keep working: a directory
-// there means the "epo.log" inside it, the one the writer fills when logs are not split by realm.
+// The file to collect. Kept: the collector takes basedir_epolog as the log file itself, as
+// configurations that name the file there expect, although the log service appends to
+// "<basedir_epolog>/[<realm>/]epo.log". So that the collector finds what the log service writes, a
+// directory there means the "epo.log" inside it, the one filled when logs are not split by realm
+// (realm logs are not collected).
 std::string s_epolog_file(const std::string& configured) {
     struct stat st {};
     if (stat(configured.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {

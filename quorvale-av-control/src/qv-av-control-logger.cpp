@@ -83,7 +83,8 @@ std::string s_optional_text(json_object* object, const char* key) {
     return qv_json_get_optional_string(object, key);
 }
 
-// A field of a log line: control characters escaped, so that it never ends the line.
+// A field of a log line: control characters escaped, so that it never ends the line. Kept: ';'
+// stays as it is, as these logs have always been written; their readers know a value may hold one.
 std::string s_field(const std::string& value) {
     return qv_escape_log_field(value);
 }
