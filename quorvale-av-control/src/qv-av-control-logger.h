@@ -5,8 +5,15 @@
 // into one subdirectory per realm. Every append happens under the configuration's
 // log_write_mutex (EPO log appends take epolog_mutex first), so lines of concurrent requests never
 // interleave; every log but the EPO log is switched into a zip archive once it reaches
-// max_logfile_size_MB. A realm id or scan log path that would lead out of its base directory is
-// refused.
+// max_logfile_size_MB.
+//
+// Requests come from any client of the service, so nothing they carry is trusted: every text
+// field of a line is escaped (a CR or LF in a field never starts a forged line), the realm id
+// must be one path component and the scan log path a relative path that names no other kind's
+// log; a request with a bad realm or scan log path is refused as a whole before anything is
+// written. Only the configured base directory is expanded, never text from a request. A line is
+// appended whole with one write to an O_APPEND descriptor or, when that fails, cut off again;
+// a line that could not be written makes the reply a failure.
 #pragma once
 
 #include <cstdint>
@@ -32,8 +39,8 @@ struct qvctrl_log_common_t {
 };
 
 // Handler of "qv-av-log"; the context is the daemon's quorvale_control_config_t. Replies
-// {"ReturnCode": 0} once the envelope is valid, whatever the writers did, or -1000 with the
-// reason. 0 or -1.
+// {"ReturnCode": 0} once the envelope is valid and every line the request asked for was written
+// (a missing or incomplete section is only logged), or -1000 with the reason. 0 or -1.
 int qv_av_control_logger_request_handler(void* context, qv_const_request_reply_t* rr);
 int qv_av_control_json_logger_request_handler(void* context, qv_const_request_reply_t* rr);
 
@@ -49,15 +56,17 @@ int qvctrl_log_write_common(json_object* message, quorvale_control_config_t* con
                             const qvctrl_log_common_t& common, const char* section_key,
                             const std::string& basedir, const char* filename);
 
-// "<basedir>/[<subdir>/]<filename>", expanded and normalised, with its directory created. Null
-// when the base directory is empty, the expansion fails, or the result would not lie strictly
-// inside the base directory.
+// "<basedir>/[<subdir>/]<filename>" normalised, with its directory created. Only the base
+// directory is expanded (environment references, '~'): subdir and filename come from requests and
+// are taken literally. Null when the base directory is empty, its expansion fails, or the result
+// would not lie strictly inside the base directory.
 std::optional<std::string> qvctrl_log_build_filename(const std::string& basedir,
                                                      const std::string& subdir,
                                                      const std::string& filename);
 // Appends the line under log_write_mutex, after the size switch check when `check_switch` is set
-// and the file exists; "\r\n" is added when `add_crlf` is set. -1 only when the file cannot be
-// opened.
+// and the file exists; "\r\n" is added when `add_crlf` is set. The line is written whole or not
+// at all: a failed or short write cuts the file back to its former size. -1 when the file cannot
+// be opened or the line not written.
 int qvctrl_log_append_to_file(quorvale_control_config_t* config, const char* path,
                               const std::string& line, int check_switch, int add_crlf);
 // Archives the file when it has reached max_logfile_size_MB * 1000000 bytes. Called with

@@ -1,15 +1,24 @@
 // The daemon's log services over NATS: log envelopes from real requesters land as lines in the log
-// tree of the daemon's installation; the EPO log is collected on request.
+// tree of the daemon's installation; the EPO log is collected on request. Hostile requests get
+// their failure reply, write nothing, and leave the daemon answering.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "daemon_process.h"
 #include "nats_server.h"
+#include "qv_json.h"
 #include "qv_nats_client.h"
 
 using qvtest::DaemonProcess;
 using qvtest::NatsServer;
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace {
 
@@ -21,24 +30,58 @@ struct Client {
         EXPECT_EQ(qv_nats_init(config.get()), 0);
     }
     ~Client() { qv_nats_deinit(config.get()); }
-    // The reply as plain text, or the transport's error text.
+    // The reply as plain text, or the transport's error text (also for a reply that is not
+    // JSON).
     std::string request(const char* service, const std::string& body, uint32_t timeout_ms = 5000) {
         std::string err;
         qv::json_ptr reply =
             qv_nats_send_recv_json(config.get(), service, body.c_str(), timeout_ms, 0, &err);
         return reply ? json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN) : err;
     }
+    std::string ping() { return request("qv-av-control.ping", "{\"Command\": 3}"); }
 };
+
+const std::string kOK = "{\"ReturnCode\":0}";
+
+std::string failure(const std::string& text) {
+    return "{\"ReturnCode\":-1000,\"Error\":\"" + text + "\"}";
+}
+
+std::string quoted(const std::string& text) {
+    return "\"" + qv_json_escape(text) + "\"";
+}
 
 std::string envelope(const std::string& realm, const std::string& sections) {
     return "{\"LogVersion\": 1, \"Timestamp\": \"2024-03-01 12:00:07\", \"Component\": "
-           "\"qv-av-control\", \"Hostname\": \"node7\", \"EventID\": \"e-1\", \"realmID\": \"" +
-           realm + "\", " + sections + "}";
+           "\"qv-av-control\", \"Hostname\": \"node7\", \"EventID\": \"e-1\", \"realmID\": " +
+           realm + ", " + sections + "}";
+}
+
+std::string error_section(const std::string& text) {
+    return "\"ErrorLog\": {\"LogData\": {\"Message\": " + quoted(text) + "}}";
+}
+
+std::string scan_section(const std::string& path_json) {
+    return "\"ScanLog\": {\"ScanLogPath\": " + path_json +
+           ", \"LogData\": {\"Filename\": \"f\", \"MIME-type\": \"m\", \"Result-Text\": \"r\"}}";
+}
+
+std::vector<std::string> files_below(const std::string& dir) {
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::end(it);
+         it.increment(ec)) {
+        if (!it->is_directory()) {
+            out.push_back(it->path().string());
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
 }  // namespace
 
-TEST(LogService, DaemonWritesTheLinesOfRealRequestsAndRefusesBadOnes) {
+TEST(LogService, DaemonWritesRealRequestsEscapedAndRefusesHostileOnes) {
     NatsServer server;
     ASSERT_TRUE(server.start());
     DaemonProcess d;
@@ -51,58 +94,123 @@ TEST(LogService, DaemonWritesTheLinesOfRealRequestsAndRefusesBadOnes) {
     ASSERT_TRUE(d.start());
     ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
     Client client(server);
+    const std::string huge(100000, 'x');
 
+    std::vector<std::pair<std::string, std::string>> cases = {
+        // Not a JSON object at all.
+        {"<log/>", failure("Failed to parse JSON. Errorcode: unexpected character")},
+        {"[1]", failure("Failed to parse JSON. Errorcode: not a JSON object")},
+        {"\"x\"", failure("Failed to parse JSON. Errorcode: not a JSON object")},
+        {"3 ", failure("Failed to parse JSON. Errorcode: not a JSON object")},
+        // A required envelope member missing, empty or of the wrong type.
+        {"{\"LogVersion\": 1, \"Component\": \"c\", \"EventID\": \"e\"}",
+         failure("Failed to read Timestamp from JSON")},
+        {"{\"Timestamp\": \"\", \"Component\": \"c\", \"EventID\": \"e\"}",
+         failure("Key Timestamp found, but value is empty")},
+        {"{\"Timestamp\": \"t\", \"Component\": 5, \"EventID\": \"e\"}",
+         failure("Failed to read Component from JSON")},
+        {envelope("5", error_section("e")), failure("Invalid realm")},
+        {envelope("\"r1\"", scan_section("[\"scan.log\"]")), failure("Invalid scan log path")},
+    };
+    // CR LF, NUL, blanks, wildcards, '$' and excess length in the names that become paths.
+    for (const std::string& name : {"r\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0"s, "r\0x"s,
+                                    "r 1"s, "*"s, ">"s, "$HOME"s, "${HOME}"s, "~"s, ".."s, huge}) {
+        cases.emplace_back(envelope(quoted(name), error_section("e")), failure("Invalid realm"));
+        cases.emplace_back(envelope("\"r1\"", scan_section(quoted(name))),
+                           failure("Invalid scan log path"));
+    }
+    for (const char* path : {"/etc/passwd", "../error/r1/error.log", "epo.log", "a//b.log"}) {
+        cases.emplace_back(envelope("\"r1\"", scan_section(quoted(path))),
+                           failure("Invalid scan log path"));
+    }
+    for (const auto& [request, reply] : cases) {
+        EXPECT_EQ(client.request("qv-av-log", request), reply) << request.substr(0, 60);
+    }
+    EXPECT_TRUE(d.wait_for_log("Invalid realm: '${HOME}'"));
+    EXPECT_EQ(files_below(logs), std::vector<std::string>{});
+    EXPECT_EQ(client.ping(), kOK);
+
+    // Control characters in a field are written escaped: one line per section.
     const std::string sections =
         "\"ScanLog\": {\"ScanLogPath\": \"nightly/scan.log\", \"LogData\": {\"SID\": \"PRD\", "
         "\"Filename\": \"/in/eicar.com\", \"File-size\": 68, \"MIME-type\": \"text/plain\", "
         "\"Result-Text\": \"virus found\", \"Duration\": 4}}, \"EPOLog\": {\"LogData\": "
         "{\"Timestamp\": 1709294407, \"EventID\": 7, \"Filename\": \"/in/eicar.com\", "
         "\"Threat-Name\": \"EICAR\", \"Threat-Category\": \"test\", \"Threat-Type\": \"virus\", "
-        "\"Action-taken\": \"blocked\"}}, \"ErrorLog\": {\"LogData\": {\"Message\": \"oops\"}}";
-    EXPECT_EQ(client.request("qv-av-log", envelope("r1", sections)), "{\"ReturnCode\":0}");
+        "\"Action-taken\": \"blocked\"}}, " +
+        error_section("oops\r\nforged");
+    EXPECT_EQ(client.request("qv-av-log", envelope("\"r1\"", sections)), kOK);
     const std::string head = "2024-03-01 12:00:07;qv-av-control;e-1;node7;";
     EXPECT_EQ(qvtest::read_file(logs + "/scan/r1/nightly/scan.log"),
               head + "PRD;/in/eicar.com;68;text/plain;virus found;;4 ms\r\n");
     EXPECT_EQ(qvtest::read_file(logs + "/epo/r1/epo.log"),
               "CTL;1709294407;7;/in/eicar.com;EICAR;test;virus;blocked;;;node7\r\n");
-    EXPECT_EQ(qvtest::read_file(logs + "/error/r1/error.log"), head + "oops\r\n");
-
-    EXPECT_EQ(client.request("qv-av-log", "{\"LogVersion\": 2}"),
-              "{\"ReturnCode\":-1000,\"Error\":\"Log version 2 not supported by this logger "
-              "(version 1)\"}");
-    EXPECT_EQ(client.request("qv-av-log", "<log/>"),
-              "{\"ReturnCode\":-1000,\"Error\":\"Failed to parse JSON. Errorcode: unexpected "
-              "character\"}");
-    // A client naming a realm or scan log path that climbs out of the log tree writes nothing.
-    EXPECT_EQ(client.request("qv-av-log", envelope("../../qv-av-control",
-                                                   "\"ErrorLog\": {\"LogData\": {\"Message\": "
-                                                   "\"m\"}}")),
-              "{\"ReturnCode\":0}");
-    EXPECT_TRUE(d.wait_for_log("Refusing log file " + d.basedir() + "/qv-av-control/error.log"));
-    EXPECT_FALSE(qvtest::file_exists(d.basedir() + "/qv-av-control/error.log"));
+    // Hostile text in envelope fields, and a huge one, likewise.
+    std::string hostile_fields = envelope("\"r1\"", error_section("e"));
+    hostile_fields.replace(hostile_fields.find("\"node7\""), 7, quoted("n\r\n\0 *>$"s));
+    hostile_fields.replace(hostile_fields.find("\"e-1\""), 5, quoted(huge));
+    EXPECT_EQ(client.request("qv-av-log", hostile_fields), kOK);
+    EXPECT_TRUE(qvtest::read_file(logs + "/error/r1/error.log") ==
+                head + "oops\\r\\nforged\r\n2024-03-01 12:00:07;qv-av-control;" + huge +
+                    ";n\\r\\n\\x00 *>$;e\r\n");
+    EXPECT_EQ(files_below(logs),
+              (std::vector<std::string>{logs + "/epo/r1/epo.log", logs + "/error/r1/error.log",
+                                        logs + "/scan/r1/nightly/scan.log"}));
+    EXPECT_EQ(client.ping(), kOK);
     EXPECT_EQ(d.stop(), 0);
 }
 
-TEST(LogService, EpoLogIsCollectedOnRequestAndExternalServicesAreNotStarted) {
+TEST(LogService, EpoLogIsCollectedOnRequestAndEveryRequestIsAnswered) {
     NatsServer server;
     ASSERT_TRUE(server.start());
     DaemonProcess d;
     d.use_nats(server.url());
-    const std::string epo = d.basedir() + "/logs/epo.log";
-    d.control_keys["EPO_LOG_BASEDIR"] = epo;
-    d.control_keys["EXTERNAL_LOGGER"] = "1";
+    const std::string epo_dir = d.basedir() + "/logs/epo";
+    d.control_keys["EPO_LOG_BASEDIR"] = epo_dir;
+    d.control_keys["SPLIT_LOGS_BY_REALM"] = "0";
     d.write_config();
-    qvtest::write_file(epo, "SEA;1;2;f;n;c;t;a;;;h\r\nCTL;3;4;f;n;c;t;a;;;h\r\n");
     ASSERT_TRUE(d.start());
     ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
     Client client(server);
 
-    // The collection answers nothing: the requester only sees its own time-out.
-    EXPECT_EQ(client.request("qv-av-epolog", "{\"Command\": 400}", 300),
-              "NATS: request to qv-av-epolog timed out");
-    EXPECT_TRUE(qvtest::wait_until([&] { return qvtest::read_file(epo).empty(); }));
-    EXPECT_TRUE(d.wait_for_log("Logs to be sent: SEA;1;2;f;n;c;t;a;;;h\r\nCTL;3;4;"));
+    EXPECT_EQ(client.request("qv-av-epolog", "{\"Command\": 400}"), "{\"ReturnCode\":301}");
+    // The log service fills <dir>/epo.log; the collection hands its lines over and empties it.
+    const std::string epo =
+        "\"EPOLog\": {\"LogData\": {\"Timestamp\": 1709294407, \"EventID\": 7, \"Filename\": "
+        "\"\\\"q\\\".com\", \"Threat-Name\": \"EICAR\", \"Threat-Category\": \"test\", "
+        "\"Threat-Type\": \"virus\", \"Action-taken\": \"blocked\"}}";
+    EXPECT_EQ(client.request("qv-av-log", envelope("\"r1\"", epo)), kOK);
+    EXPECT_EQ(client.request("qv-av-log", envelope("\"r2\"", epo)), kOK);
+    const std::string line =
+        "CTL;1709294407;7;\\\"q\\\".com;EICAR;test;virus;blocked;;;node7\\r\\n";
+    EXPECT_EQ(client.request("qv-av-epolog", "{\"Command\": 400}"),
+              "{\"ReturnCode\":0,\"Log\":\"" + line + line + "\"}");
+    EXPECT_EQ(qvtest::read_file(epo_dir + "/epo.log"), "");
+    EXPECT_EQ(client.request("qv-av-epolog", "{\"Command\": 400}"),
+              "{\"ReturnCode\":0,\"Log\":\"\"}");
 
+    const std::string refused = "{\"ReturnCode\":-1}";
+    for (const std::string& request :
+         {"{\"Command\": 401}"s, "{\"Cmd\": 400}"s, "{\"Command\": \"x\"}"s, "{\"Command\": 4"s,
+          "[400]"s, "\"400\""s,
+          "{\"Command\": 401, \"Pad\": \"" + std::string(100000, 'p') + "\"}"}) {
+        EXPECT_EQ(client.request("qv-av-epolog", request), refused) << request.substr(0, 40);
+    }
+    EXPECT_TRUE(d.wait_for_log("Ignoring invalid request: 401"));
+    EXPECT_EQ(client.ping(), kOK);
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(LogService, ExternalServicesAreNotStarted) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    DaemonProcess d;
+    d.use_nats(server.url());
+    d.control_keys["EXTERNAL_LOGGER"] = "1";
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    Client client(server);
     // With an external logger nobody here serves "qv-av-log".
     EXPECT_EQ(
         client.request("qv-av-log", "{}", 1000).rfind("NATS: request to qv-av-log failed: ", 0),

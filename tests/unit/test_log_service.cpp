@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <random>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -12,15 +14,24 @@
 #include <vector>
 
 #include <semaphore.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "log-helper.h"
 #include "log.h"
 #include "qv-av-control-epolog.h"
 #include "qv-av-control-logger.h"
+#include "qv_handles.h"
+#include "qv_json.h"
 #include "qv_test_util.h"
 #include "qvctrl_config.h"
+#include "qvhlp_archive.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace {
 
@@ -59,6 +70,120 @@ std::string epo(const std::string& extra = "") {
 }
 const std::string kEpoTail =
     ";1709294407;1278;/in/a.exe;EICAR;test;virus;blocked;;;node1.example\r\n";
+
+// A JSON string literal holding exactly `text`.
+std::string quoted(const std::string& text) {
+    return "\"" + qv_json_escape(text) + "\"";
+}
+
+// The reply as a JSON object; fails the test unless it is one with an integer "ReturnCode".
+qv::json_ptr parsed(const std::string& reply) {
+    qv::json_ptr object = qv_json_parse(reply);
+    json_object* rc = nullptr;
+    EXPECT_TRUE(object && json_object_is_type(object.get(), json_type_object) &&
+                json_object_object_get_ex(object.get(), "ReturnCode", &rc) &&
+                json_object_is_type(rc, json_type_int))
+        << reply;
+    return object;
+}
+
+std::string error_reply(const std::string& text) {
+    return "{\"ReturnCode\": -1000, \"Error\": \"" + text + "\"}";
+}
+
+// The lines of a log text, each without its CR LF.
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
+        lines.push_back(text.substr(start, end - start));
+    }
+    EXPECT_EQ(start, text.size()) << "text after the last line";
+    return lines;
+}
+
+// The content of the one entry of a zip archive, and its name in *entry_name.
+std::string read_zip(const std::string& zip, std::string* entry_name = nullptr) {
+    qv::archive_read_ptr archive(archive_read_new());
+    archive_read_support_format_zip(archive.get());
+    if (archive_read_open_filename(archive.get(), zip.c_str(), 10240) != ARCHIVE_OK) {
+        ADD_FAILURE() << "cannot open " << zip;
+        return "";
+    }
+    std::string content;
+    int entries = 0;
+    struct archive_entry* entry = nullptr;
+    while (archive_read_next_header(archive.get(), &entry) == ARCHIVE_OK) {
+        ++entries;
+        if (entry_name != nullptr) {
+            *entry_name = archive_entry_pathname(entry);
+        }
+        char buffer[8192];
+        la_ssize_t n;
+        while ((n = archive_read_data(archive.get(), buffer, sizeof(buffer))) > 0) {
+            content.append(buffer, static_cast<size_t>(n));
+        }
+        EXPECT_EQ(n, 0) << zip;
+    }
+    EXPECT_EQ(entries, 1) << zip;
+    return content;
+}
+
+// Runs `child` in a forked process (for resource limits that must not touch the test process)
+// and returns what it wrote to the given pipe end; fails the test unless it exited with 0.
+std::string in_child(const std::function<void(int out)>& child) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        child(fds[1]);
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string out;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) {
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return out;
+}
+
+void write_all(int fd, const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n <= 0) {
+            return;
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+// Lowers the file size limit of the calling (child) process; writes past it fail with EFBIG.
+void limit_file_size(size_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit limit { bytes, bytes };
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+// The request with the member at `path` set to the JSON text `value`, or removed when it is empty.
+std::string with_member(const std::string& request, const std::vector<const char*>& path,
+                        const std::string& value) {
+    qv::json_ptr root = qv_json_parse(request);
+    json_object* parent = root.get();
+    for (size_t i = 0; i + 1 < path.size(); ++i) {
+        parent = json_object_object_get(parent, path[i]);
+    }
+    json_object_object_del(parent, path.back());
+    if (!value.empty()) {
+        json_object_object_add(parent, path.back(), qv_json_parse(value + " ").release());
+    }
+    return qv_json_to_string(root.get());
+}
 
 std::vector<std::string> files_below(const std::string& dir) {
     std::vector<std::string> out;
@@ -106,17 +231,19 @@ class LogService : public ::testing::Test {
         qv_const_request_reply_t rr{&req, &reply};
         const int rc = qv_av_control_logger_request_handler(config_.get(), &rr);
         EXPECT_EQ(rc, reply.json_txt == "{\"ReturnCode\": 0}" ? 0 : -1);
+        parsed(reply.json_txt);
         return reply.json_txt;
     }
-    // The handler's result; the collection never answers, so any reply text fails the test.
-    int epolog(const std::string& request) {
+    // The reply of the EPO log service; only a refused request makes the handler return -1.
+    std::string epolog(const std::string& request) {
         qv_message_t req;
         req.json_txt = request;
         qv_message_t reply;
         qv_const_request_reply_t rr{&req, &reply};
         const int rc = qv_av_control_epolog_request_handler(config_.get(), &rr);
-        EXPECT_EQ(reply.json_txt, "");
-        return rc;
+        EXPECT_EQ(rc, reply.json_txt == "{\"ReturnCode\": -1}" ? -1 : 0) << reply.json_txt;
+        parsed(reply.json_txt);
+        return reply.json_txt;
     }
     bool traced(const std::string& text) const {
         return qvtest::read_file(trace_).find(text) != std::string::npos;
@@ -204,7 +331,9 @@ TEST_F(LogService, LogsAreZippedAtExactlyTheLimitButTheEpoLogNever) {
     struct tm local {};  // <log path>_<local time>.zip, written as the trace log's archives are
     const char* end = strptime(zip.c_str() + path.size(), "_%Y-%m-%d__%H-%M-%S", &local);
     EXPECT_TRUE(end != nullptr && std::string(end) == ".zip") << zip;
-    EXPECT_GT(fs::file_size(zip), 0u);
+    std::string entry;
+    EXPECT_TRUE(read_zip(zip, &entry) == std::string(1000000, 'b'));
+    EXPECT_EQ(entry, path);
 
     const std::string epo_path = root_ + "/epo/r1/epo.log";
     qvtest::make_dirs(root_ + "/epo/r1");
@@ -251,23 +380,80 @@ TEST_F(LogService, LinesOfConcurrentRequestsNeverInterleave) {
 }
 
 TEST_F(LogService, BadEnvelopesAreRefusedWithoutWritingAnything) {
-    const std::string sections = message("ErrorLog", "e") + ", " + scan();
-    std::string no_timestamp = envelope(sections);
-    no_timestamp.replace(no_timestamp.find("\"Timestamp\""), 11, "\"Time\"");
-    std::string v2 = envelope(sections);
-    v2.replace(v2.find("\"LogVersion\": 1"), 15, "\"LogVersion\": 2");
+    const std::string good = envelope(message("ErrorLog", "e") + ", " + scan());
     const std::pair<std::string, std::string> cases[] = {
         {"{\"LogVersion\": 1, \"Timestamp\": ",
          "Failed to parse JSON. Errorcode: unexpected end of data"},
-        {v2, "Log version 2 not supported by this logger (version 1)"},
-        {no_timestamp, "Failed to read Timestamp from JSON"},
-        {envelope(sections, "\"r1\"", ""), "Key Component found, but value is empty"},
+        {"", "Failed to parse JSON. Errorcode: unexpected end of data"},
+        {"<log/>", "Failed to parse JSON. Errorcode: unexpected character"},
+        {good + " x", "Failed to parse JSON. Errorcode: unexpected trailing characters"},
+        // A request is always an object.
+        {"[" + good + "]", "Failed to parse JSON. Errorcode: not a JSON object"},
+        {"\"x\"", "Failed to parse JSON. Errorcode: not a JSON object"},
+        {"3 ", "Failed to parse JSON. Errorcode: not a JSON object"},
+        {"null ", "Failed to parse JSON. Errorcode: not a JSON object"},
+        {with_member(good, {"LogVersion"}, "2"),
+         "Log version 2 not supported by this logger (version 1)"},
+        {with_member(good, {"Timestamp"}, ""), "Failed to read Timestamp from JSON"},
+        {with_member(good, {"Timestamp"}, "20240301"), "Failed to read Timestamp from JSON"},
+        {with_member(good, {"Component"}, "\"\""), "Key Component found, but value is empty"},
+        {with_member(good, {"EventID"}, "null"), "Key EventID found, but value is empty"},
+        {with_member(good, {"EventID"}, "[\"e\"]"), "Failed to read EventID from JSON"},
     };
     for (const auto& [request, error] : cases) {
-        EXPECT_EQ(log(request), "{\"ReturnCode\": -1000, \"Error\": \"" + error + "\"}");
+        EXPECT_EQ(log(request), error_reply(error)) << request;
         EXPECT_TRUE(traced(error)) << error;
     }
     EXPECT_FALSE(fs::exists(root_));
+}
+
+TEST_F(LogService, HostileRealmsAndScanLogPathsRefuseTheWholeRequest) {
+    const std::string good = envelope(message("ErrorLog", "e") + ", " + scan() + ", " + epo());
+    // Nothing of a request is expanded, and none of these is one path component.
+    std::vector<std::string> names = {"r\r\nPUB x 0",
+                                      "r\0x"s,
+                                      "r 1",
+                                      "*",
+                                      ">",
+                                      "$HOME",
+                                      "${HOME}",
+                                      "~",
+                                      "~root",
+                                      "..",
+                                      ".",
+                                      "r1/../..",
+                                      std::string(100000, 'r')};
+    for (const std::string& realm : names) {
+        EXPECT_EQ(log(with_member(good, {"realmID"}, quoted(realm))), error_reply("Invalid realm"))
+            << realm.substr(0, 20);
+    }
+    for (const char* wrong_type : {"5", "true", "{}", "[\"r1\"]", "\"a/b\""}) {
+        EXPECT_EQ(log(with_member(good, {"realmID"}, wrong_type)), error_reply("Invalid realm"));
+    }
+    // A scan log path may name subdirectories, but never leaves the scan log directory and never
+    // names another kind's log, an archive or a trace file.
+    names.insert(names.end(), {"/var/log/a.log", "../common.log", "daily//scan.log", "daily/",
+                               "epo.log", "daily/error.log", "scan.log_2024.zip", "control.trc"});
+    for (const std::string& path : names) {
+        EXPECT_EQ(log(with_member(good, {"ScanLog", "ScanLogPath"}, quoted(path))),
+                  error_reply("Invalid scan log path"))
+            << path.substr(0, 20);
+    }
+    EXPECT_EQ(log(with_member(good, {"ScanLog", "ScanLogPath"}, "7")),
+              error_reply("Invalid scan log path"));
+    EXPECT_FALSE(fs::exists(root_));
+    EXPECT_TRUE(traced("Invalid realm: '${HOME}'"));
+    EXPECT_TRUE(traced("Invalid realm: 'r\\r\\nPUB x 0'"));
+    EXPECT_TRUE(traced("Invalid realm: '" + std::string(64, 'r') + "...'"));
+    EXPECT_TRUE(traced("Invalid scan log path: 'epo.log'"));
+
+    // Only the configured base directory is expanded; subdirectories keep working.
+    setenv("QVTEST_LOG_ROOT", root_.c_str(), 1);
+    config_->log->basedir_scanlog = "${QVTEST_LOG_ROOT}/scan";
+    EXPECT_EQ(log(envelope(scan("daily/2024-03/scan.log"))), kOK);
+    unsetenv("QVTEST_LOG_ROOT");
+    EXPECT_EQ(files_below(root_),
+              std::vector<std::string>{root_ + "/scan/r1/daily/2024-03/scan.log"});
 }
 
 TEST_F(LogService, IncompleteSectionsAreSkippedAndTheOthersStillWritten) {
@@ -283,6 +469,9 @@ TEST_F(LogService, IncompleteSectionsAreSkippedAndTheOthersStillWritten) {
     EXPECT_TRUE(traced("Failed to read realmID from JSON"));
     log(envelope(epo() + error, "\"\""));
     EXPECT_TRUE(traced("Key realmID found, but value is empty"));
+    log(envelope(scan("scan.log", "\"Filename\": 7, \"MIME-type\": \"m\", \"Result-Text\": \"r\"") +
+                 error));
+    EXPECT_TRUE(traced("Failed to read Filename from JSON"));
     log(envelope("\"BlockLog\": {\"Data\": {}}, \"StatusLog\": \"up\"" + error));
     EXPECT_TRUE(traced("Ignoring BlockLog request - no LogData object found"));
     EXPECT_TRUE(traced("Ignoring StatusLog request - no StatusLog object found"));
@@ -292,69 +481,282 @@ TEST_F(LogService, IncompleteSectionsAreSkippedAndTheOthersStillWritten) {
     }
     const std::string errors = qvtest::read_file(root_ + "/error/error.log") +
                                qvtest::read_file(root_ + "/error/r1/error.log");
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 5);
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 6);
 }
 
-TEST_F(LogService, PathsLeadingOutOfTheBaseDirectoryAreRefused) {
-    for (const char* path : {"../../outside.log", "..", "a/../../../x.log"}) {
-        EXPECT_EQ(log(envelope(scan(path))), kOK);
-    }
-    for (const char* realm : {"\"..\"", "\"../../run\"", "\"r1/../..\""}) {
-        EXPECT_EQ(log(envelope(message("ErrorLog", "e") + ", " + epo(), realm)), kOK);
-    }
-    EXPECT_EQ(files_below(dir_.path()), std::vector<std::string>{trace_});
-    EXPECT_FALSE(fs::exists(root_));
-    EXPECT_FALSE(fs::exists(dir_ / "run"));
-    EXPECT_TRUE(traced("Refusing log file " + root_ +
-                       "/outside.log: it lies outside of its base directory " + root_ + "/scan"));
-    EXPECT_TRUE(traced("Refusing log file " + dir_.path() + "/run/epo.log"));
-    EXPECT_FALSE(traced("Failed to allocate"));
+TEST_F(LogService, ControlCharactersInAnyFieldAreEscapedSoEverySectionWritesOneLine) {
+    // Every text field of every section holds a forged line, a NUL, an escape sequence and DEL.
+    const std::string hostile = "x\r\nSEA;0;0;forged\0\x1b[1m\x7f\t"s;
+    const std::string e = "x\\r\\nSEA;0;0;forged\\x00\\x1B[1m\\x7F\\x09";
+    const std::string q = quoted(hostile);
+    const std::string scan_data =
+        "\"SID\": " + q + ", \"Filename\": " + q + ", \"File-size\": 1, \"MIME-type\": " + q +
+        ", \"Result-Text\": " + q + ", \"Reason-Text\": " + q + ", \"Duration\": 2";
+    const std::string request =
+        "{\"LogVersion\": 1, \"Timestamp\": " + q + ", \"Component\": " + q +
+        ", \"EventID\": " + q + ", \"Hostname\": " + q + ", \"realmID\": \"r1\", " +
+        scan("scan.log", scan_data) + ", \"BlockLog\": {\"LogData\": {" + scan_data +
+        "}}, \"EPOLog\": {\"LogData\": {\"Timestamp\": 5, \"EventID\": 6, \"Filename\": " + q +
+        ", \"Threat-Name\": " + q + ", \"Threat-Category\": " + q + ", \"Threat-Type\": " + q +
+        ", \"Action-taken\": " + q + ", \"Lib-Version\": " + q + ", \"DAT-Version\": " + q +
+        "}}, " + message("UpdateLog", qv_json_escape(hostile)) + ", " +
+        message("StatusLog", qv_json_escape(hostile)) + ", " +
+        message("ErrorLog", qv_json_escape(hostile)) + "}";
+    EXPECT_EQ(log(request), kOK);
 
-    // Whatever stays inside is fine: absolute scan log paths land below the realm directory, a
-    // path may leave its realm directory, and the base directory itself is expanded.
-    setenv("QVTEST_LOG_ROOT", root_.c_str(), 1);
-    config_->log->basedir_scanlog = "${QVTEST_LOG_ROOT}/scan";
-    log(envelope(scan("/var/log/a.log")));
-    log(envelope(scan("../common.log")));
-    unsetenv("QVTEST_LOG_ROOT");
+    const std::string head = e + ";" + e + ";" + e + ";" + e + ";";
+    EXPECT_EQ(qvtest::read_file(root_ + "/scan/r1/scan.log"),
+              head + e + ";" + e + ";1;" + e + ";" + e + ";" + e + ";2 ms\r\n");
+    EXPECT_EQ(qvtest::read_file(root_ + "/block/r1/block.log"),
+              head + e + ";" + e + ";1 bytes;" + e + ";" + e + ";" + e + ";2 ms\r\n");
+    // An unknown component has no product code.
     EXPECT_EQ(
-        files_below(root_ + "/scan"),
-        (std::vector<std::string>{root_ + "/scan/common.log", root_ + "/scan/r1/var/log/a.log"}));
+        qvtest::read_file(root_ + "/epo/r1/epo.log"),
+        ";5;6;" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + "\r\n");
+    for (const char* kind : {"update", "status", "error"}) {
+        EXPECT_EQ(qvtest::read_file(root_ + "/" + kind + "/r1/" + kind + ".log"), head + e + "\r\n")
+            << kind;
+    }
 }
 
-TEST_F(LogService, EpoCollectionEmptiesTheLogUnderItsLockAndRefusesOtherCommands) {
+TEST_F(LogService, HugeFieldsAreWrittenWholeOnOneLine) {
+    const std::string huge(100000, 'h');
+    EXPECT_EQ(log(with_member(envelope(message("ErrorLog", huge)), {"Hostname"}, quoted(huge))),
+              kOK);
+    const std::vector<std::string> lines =
+        lines_of(qvtest::read_file(root_ + "/error/r1/error.log"));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0] == "2024-03-01 12:00:07;qv-av-trellix;" + std::string(kEventId) + ";" +
+                                huge + ";" + huge);
+}
+
+TEST_F(LogService, AFailedWriteFailsTheReplyWhileTheOtherSectionsAreStillWritten) {
+    // A full device: the write fails with ENOSPC. It is never taken for a log to archive either.
+    config_->log->max_logfile_size_MB = 0;
+    qvtest::make_dirs(root_ + "/error/r1");
+    ASSERT_EQ(symlink("/dev/full", (root_ + "/error/r1/error.log").c_str()), 0);
+    EXPECT_EQ(log(envelope(message("ErrorLog", "lost") + ", " + message("StatusLog", "ready"))),
+              error_reply("Failed to write log line for ErrorLog: No space left on device"));
+    EXPECT_TRUE(traced("Error writing to " + root_ + "/error/r1/error.log: No space left"));
+    EXPECT_TRUE(traced("Failed to write log line \"" + kHead + "lost\" to " + root_));
+    EXPECT_EQ(qvtest::read_file(root_ + "/status/r1/status.log"), kHead + "ready\r\n");
+    EXPECT_EQ(files_below(root_ + "/error"), std::vector<std::string>{});
+
+    // A log directory that cannot be made: the open fails.
+    config_->log->max_logfile_size_MB = 1;
+    qvtest::write_file(root_ + "/update", "not a directory");
+    const std::string reply =
+        log(envelope(message("UpdateLog", "lost") + ", " + message("StatusLog", "ready")));
+    EXPECT_EQ(reply.rfind("{\"ReturnCode\": -1000, \"Error\": \"Failed to write log line for "
+                          "UpdateLog: ",
+                          0),
+              0u)
+        << reply;
+    EXPECT_EQ(qvtest::read_file(root_ + "/status/r1/status.log"),
+              kHead + "ready\r\n" + kHead + "ready\r\n");
+}
+
+TEST_F(LogService, ALineCutShortByTheFileSizeLimitIsCutOffAgain) {
+    const std::string path = root_ + "/error/r1/error.log";
+    qvtest::make_dirs(root_ + "/error/r1");
+    const std::string before = kHead + "old\r\n";
+    qvtest::write_file(path, before);
+    // The first part of the 5000-byte line fits below the limit, the rest fails with EFBIG;
+    // the status line fits.
+    const std::string reply = in_child([&](int out) {
+        limit_file_size(before.size() + 1000);
+        write_all(out, log(envelope(message("ErrorLog", std::string(5000, 'x')) + ", " +
+                                    message("StatusLog", "ready"))));
+    });
+    EXPECT_EQ(reply, error_reply("Failed to write log line for ErrorLog: File too large"));
+    EXPECT_EQ(qvtest::read_file(path), before);
+    EXPECT_EQ(qvtest::read_file(root_ + "/status/r1/status.log"), kHead + "ready\r\n");
+}
+
+TEST_F(LogService, ManySwitchesWithinOneSecondLoseNoLine) {
+    // A limit of 0 archives the log at every append to it: thousands of archives within a few
+    // seconds, many of them within the same second.
+    config_->log->max_logfile_size_MB = 0;
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 500;
+    std::vector<std::thread> producers;
+    std::atomic<int> failed{0};
+    for (int t = 0; t < kThreads; ++t) {
+        producers.emplace_back([this, t, &failed] {
+            for (int i = 0; i < kPerThread; ++i) {
+                if (log(envelope(
+                        message("ErrorLog", std::to_string(t) + "-" + std::to_string(i)))) != kOK) {
+                    ++failed;
+                }
+            }
+        });
+    }
+    for (auto& p : producers) {
+        p.join();
+    }
+    EXPECT_EQ(failed.load(), 0);
+    const std::string path = root_ + "/error/r1/error.log";
+    std::vector<std::string> lines;
+    size_t counted = 0;
+    for (const std::string& file : files_below(root_ + "/error/r1")) {
+        const std::string text = file == path ? qvtest::read_file(file) : read_zip(file);
+        if (file != path && file.size() > path.size() + 26 && file[path.size() + 21] == '_') {
+            ++counted;  // "<path>_<stamp>_<n>.zip": a name taken within the same second
+        }
+        for (const std::string& line : lines_of(text)) {
+            lines.push_back(line);
+        }
+    }
+    std::vector<std::string> expected;
+    for (int t = 0; t < kThreads; ++t) {
+        for (int i = 0; i < kPerThread; ++i) {
+            expected.push_back(kHead + std::to_string(t) + "-" + std::to_string(i));
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(lines.size(), expected.size());
+    EXPECT_TRUE(lines == expected);
+    EXPECT_GT(counted, 0u);
+}
+
+TEST(LogArchive, AnArchiveNeverReplacesAFileAndAFailedOneLeavesTheLogAsItWas) {
+    qvtest::TempDir dir;
+    const std::string log = dir / "x.log";
+    const std::string name = log + "_2024-03-01__13-05-59.zip";
+    qvtest::write_file(name, "taken");
+    std::string written;
+    std::string error;
+    for (const char* n : {"_1", "_2"}) {
+        qvtest::write_file(log, std::string("line") + n + "\r\n");
+        ASSERT_EQ(qvhlp_archive_and_remove(log.c_str(), name, &written, &error), 0) << error;
+        EXPECT_EQ(written, log + "_2024-03-01__13-05-59" + n + ".zip");
+        std::string entry;
+        EXPECT_EQ(read_zip(written, &entry), std::string("line") + n + "\r\n");
+        EXPECT_EQ(entry, log);
+        EXPECT_FALSE(qvtest::file_exists(log));
+    }
+    EXPECT_EQ(qvtest::read_file(name), "taken");
+
+    // No archive can be made: the log stays.
+    qvtest::write_file(log, "kept\r\n");
+    EXPECT_EQ(qvhlp_archive_and_remove(log.c_str(), dir / "missing/x.zip", &written, &error), -1);
+    EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
+    EXPECT_EQ(qvtest::read_file(log), "kept\r\n");
+
+    // The archive fails half-way (the file size limit): it is removed again, the log stays.
+    std::mt19937 bytes(7);  // incompressible, so that the archive passes the limit
+    std::string random(300000, '\0');
+    for (char& c : random) {
+        c = static_cast<char>(bytes());
+    }
+    qvtest::write_file(log, random);
+    const std::string child = in_child([&](int out) {
+        limit_file_size(100000);
+        const int rc = qvhlp_archive_and_remove(log.c_str(), dir / "big.zip", &written, &error);
+        write_all(out, std::to_string(rc) + " " + error);
+    });
+    EXPECT_EQ(child.rfind("-1 ", 0), 0u) << child;
+    EXPECT_FALSE(qvtest::file_exists(dir / "big.zip"));
+    EXPECT_TRUE(qvtest::read_file(log) == random);
+
+    // A pipe in place of the log is refused at once, not waited on.
+    ASSERT_EQ(mkfifo((dir / "pipe.log").c_str(), 0600), 0);
+    EXPECT_EQ(
+        qvhlp_archive_and_remove((dir / "pipe.log").c_str(), dir / "pipe.zip", &written, &error),
+        -1);
+    EXPECT_FALSE(qvtest::file_exists(dir / "pipe.zip"));
+}
+
+TEST_F(LogService, EpoCollectionReturnsTheLinesItRemoves) {
     // The collector takes the configured EPO location as the log file itself.
-    const std::string path = root_ + "/epo.log";
+    const std::string path = root_ + "/collected.log";
     config_->log->basedir_epolog = path;
-    EXPECT_EQ(epolog("{\"Command\": 400}"), 0);
+    EXPECT_EQ(epolog("{\"Command\": 400}"), "{\"ReturnCode\": 301}");
     EXPECT_FALSE(fs::exists(path));
-    EXPECT_TRUE(traced("Failed to handle Client Service Request"));
 
     qvtest::make_dirs(root_);
-    qvtest::write_file(path, "SEA;1;2;f;n;c;t;a;;;h\r\n");
-    std::atomic<bool> done{false};
-    std::thread collector;
-    {
-        std::lock_guard<std::mutex> appending(config_->epolog_mutex);
-        collector = std::thread([&] {
-            epolog("{\"Command\": 400}");
-            done = true;
+    const std::string lines = "SEA;1;2;f\"q\\;n;c;t;a;;;h\r\nCTL;3;4;\xc3\xa9;n;c;t;a;;;h\r\n";
+    qvtest::write_file(path, lines);
+    qv::json_ptr reply = parsed(epolog("{\"Command\": 400}"));
+    EXPECT_EQ(json_object_get_int(json_object_object_get(reply.get(), "ReturnCode")), 0);
+    EXPECT_EQ(json_object_get_string(json_object_object_get(reply.get(), "Log")), lines);
+    EXPECT_EQ(fs::file_size(path), 0u);
+    EXPECT_TRUE(traced(path + " is " + std::to_string(lines.size()) + " bytes"));
+    EXPECT_TRUE(traced("Logs to be sent: SEA;1;2;f\"q\\;n;c;t;a;;;h\r\n"));
+    EXPECT_EQ(epolog("{\"Command\": 400}"), "{\"ReturnCode\":0,\"Log\":\"\"}");
+
+    // A directory there: the log service's "epo.log" in it.
+    config_->log->basedir_epolog = root_;
+    EXPECT_EQ(epolog("{\"Command\": 400}"), "{\"ReturnCode\": 301}");
+    qvtest::make_dirs(root_ + "/epo.log");  // a log that cannot be read stays as it is
+    EXPECT_EQ(epolog("{\"Command\": 400}"),
+              error_reply("Failed to read " + root_ + "/epo.log into buffer: Is a directory"));
+    fs::remove(root_ + "/epo.log");
+    qvtest::write_file(root_ + "/epo.log", "VSA;1;2;f;n;c;t;a;;;h\r\n");
+    EXPECT_EQ(epolog("{\"Command\": 400}"),
+              "{\"ReturnCode\":0,\"Log\":\"VSA;1;2;f;n;c;t;a;;;h\\r\\n\"}");
+}
+
+TEST_F(LogService, EpoCollectionAnswersEveryRequest) {
+    const std::string refused = "{\"ReturnCode\": -1}";
+    for (const std::string& request :
+         {"{\"Command\": 401}"s, "{\"Cmd\": 400}"s, "{\"Command\": \"x\"}"s, "{\"Command\": 4"s,
+          ""s, "[400]"s, "\"400\""s, "400 "s, "null "s,
+          "{\"Command\": 401, \"Pad\": \"" + std::string(100000, 'p') + "\"}"}) {
+        EXPECT_EQ(epolog(request), refused) << request.substr(0, 40);
+    }
+    EXPECT_TRUE(traced("Ignoring invalid request: 401"));
+    EXPECT_TRUE(traced("Object Command not found"));
+    EXPECT_TRUE(traced("Creating generic error reply"));
+}
+
+TEST_F(LogService, NoEpoLineIsLostOrDoubledBetweenWriterAndCollector) {
+    // The writer fills <dir>/epo.log when logs are not split by realm; the collector reads it
+    // through the directory.
+    config_->log->split_logs_by_realm = false;
+    constexpr int kThreads = 3;
+    constexpr int kPerThread = 300;
+    std::atomic<int> writing{kThreads};
+    std::vector<std::string> collected;
+    const auto collect = [&] {
+        qv::json_ptr reply = parsed(epolog("{\"Command\": 400}"));
+        json_object* log_text = nullptr;
+        if (json_object_object_get_ex(reply.get(), "Log", &log_text)) {
+            for (const std::string& line : lines_of(json_object_get_string(log_text))) {
+                collected.push_back(line);
+            }
+        }
+    };
+    std::thread collector([&] {
+        while (writing.load() > 0) {
+            collect();
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                const std::string name = quoted("f" + std::to_string(t) + "-" + std::to_string(i));
+                log(with_member(envelope(epo()), {"EPOLog", "LogData", "Filename"}, name));
+            }
+            --writing;
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_FALSE(done.load());
-        EXPECT_EQ(fs::file_size(path), 23u);
+    }
+    for (auto& w : writers) {
+        w.join();
     }
     collector.join();
-    EXPECT_EQ(fs::file_size(path), 0u);
-    EXPECT_TRUE(traced(path + " is 23 bytes"));
-    EXPECT_TRUE(traced("Logs to be sent: SEA;1;2;f;n;c;t;a;;;h\r\n"));
-
-    config_->log->basedir_epolog = root_;  // a directory cannot be read as the log
-    EXPECT_EQ(epolog("{\"Command\": 400}"), 0);
-    EXPECT_TRUE(traced("Failed to read " + root_ + " into buffer: Is a directory"));
-    EXPECT_EQ(epolog("{\"Command\": 401}"), -1);
-    EXPECT_TRUE(traced("Ignoring invalid request: 401"));
-    EXPECT_EQ(epolog("{\"Cmd\": 400}"), -1);
-    EXPECT_TRUE(traced("Object Command not found"));
-    EXPECT_EQ(epolog("{\"Command\": 4"), -1);
+    collect();
+    std::vector<std::string> expected;
+    for (int t = 0; t < kThreads; ++t) {
+        for (int i = 0; i < kPerThread; ++i) {
+            expected.push_back("SEA;1709294407;1278;f" + std::to_string(t) + "-" +
+                               std::to_string(i) + ";EICAR;test;virus;blocked;;;node1.example");
+        }
+    }
+    std::sort(collected.begin(), collected.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(collected.size(), expected.size());
+    EXPECT_TRUE(collected == expected);
 }
