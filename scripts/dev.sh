@@ -3,8 +3,9 @@
 #   scripts/dev.sh run    a local nats-server (JetStream, TLS, users) and the daemon in the
 #                         foreground until Ctrl-C
 #   scripts/dev.sh test   the whole test suite under AddressSanitizer + UBSan, then the threaded
-#                         tests under ThreadSanitizer
+#                         tests under ThreadSanitizer, then every fuzz target for 30 s
 #   scripts/dev.sh build  the release build only (build/bin/qv-av-control)
+#   scripts/dev.sh fuzz   only the fuzz targets (QV_FUZZ_SECONDS each, 30 by default)
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -43,6 +44,32 @@ cmd_test() {
   TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$repo/tests/tsan.supp} \
     ctest --test-dir "$repo/build-tsan" -j"$jobs" --output-on-failure --timeout 300 \
       -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|EventService|RegistryWithBroker|Registry|PollerLock)\.'
+  fuzz
+}
+
+# Every libFuzzer target for QV_FUZZ_SECONDS (30) seconds from an empty corpus; a crash, a leak
+# or a broken invariant fails the run.
+fuzz() {
+  echo "== build the fuzz targets (clang, libFuzzer with ASan+UBSan)"
+  local targets
+  targets=$(cd "$repo/fuzz" && ls fuzz_*.cpp | sed 's/\.cpp$//' | tr '\n' ' ')
+  CC=clang CXX=clang++ QV_TARGETS="$targets" build "$repo/build-fuzz" -DQV_SANITIZE=address,undefined \
+    -DQV_BUILD_FUZZ=ON -DQV_BUILD_TESTS=OFF -DQV_BUILD_BENCH=OFF
+  local seconds=${QV_FUZZ_SECONDS:-30} failed=0 target
+  for target in $targets; do
+    echo "== fuzz $target (${seconds} s)"
+    rm -rf "$repo/build-fuzz/corpus/$target"
+    mkdir -p "$repo/build-fuzz/corpus/$target"
+    if ! (cd "$repo/build-fuzz" && "bin/$target" -max_total_time="$seconds" -timeout=10 \
+          -rss_limit_mb=4096 -print_final_stats=1 "corpus/$target" >"fuzz-$target.log" 2>&1); then
+      echo "$target failed; its output:"
+      tail -n 60 "$repo/build-fuzz/fuzz-$target.log"
+      failed=1
+    else
+      grep -E '^(Done|stat::number_of_executed_units)' "$repo/build-fuzz/fuzz-$target.log" || true
+    fi
+  done
+  [ "$failed" -eq 0 ]
 }
 
 cmd_run() {
@@ -123,5 +150,6 @@ case "${1:-}" in
   run) cmd_run ;;
   test) cmd_test ;;
   build) cmd_build ;;
-  *) echo "usage: scripts/dev.sh run|test|build" >&2; exit 2 ;;
+  fuzz) deps; fuzz ;;
+  *) echo "usage: scripts/dev.sh run|test|build|fuzz" >&2; exit 2 ;;
 esac

@@ -9,6 +9,7 @@ PACKAGES=(
   libcurl4-openssl-dev libssl-dev libsodium-dev libarchive-dev libczmq-dev uuid-dev
   libjemalloc-dev googletest libgtest-dev libbenchmark-dev
   nats-server openssl python3 ca-certificates
+  clang libclang-rt-14-dev
 )
 
 missing=()
