@@ -746,21 +746,20 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
                 s = natsConnection_PublishRequest(conn.get(), t.subject, t.reply_subject.c_str(),
                                                   request_json_txt.data(),
                                                   static_cast<int>(request_json_txt.size()));
-                if (s != NATS_OK) {
+                if (s == NATS_OK) {
+                    t.in_flight = true;
+                    t.deadline = now + std::chrono::milliseconds(
+                                           qv_nats_nr_attempt_timeout_ms(&t.nr, timeout_ms));
+                } else {
                     log_error("NATS: request to %s failed: %s", t.subject, natsStatus_GetText(s));
                     attempt_failed(t, now);
-                    if (t.done) {
-                        continue;
-                    }
                     // A connection that refuses to publish will not accept the retry at once.
                     t.due = now + std::chrono::milliseconds(100);
-                    continue;
                 }
-                t.in_flight = true;
-                t.deadline = now + std::chrono::milliseconds(
-                                       qv_nats_nr_attempt_timeout_ms(&t.nr, timeout_ms));
             }
-            wake = std::min(wake, t.in_flight ? t.deadline : t.due);
+            if (!t.done) {
+                wake = std::min(wake, t.in_flight ? t.deadline : t.due);
+            }
         }
         if (open == 0) {
             break;
