@@ -23,22 +23,6 @@ namespace {
 
 const std::string kInjection = "w\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0\r\n";
 
-// Names refused wherever a name becomes a key or a subject: protocol text, NUL, blanks,
-// wildcards, '$', and a length no control line takes.
-const std::vector<std::string> kHostileNames = {
-    kInjection,
-    "a\0b"s,
-    "a b",
-    " ",
-    "*",
-    ">",
-    "a.>",
-    "$JS.API.STREAM.PURGE.KV_qv-av-config",
-    "a..b",
-    ".a",
-    std::string(100000, 'w'),
-};
-
 // The JSON text of a string member.
 std::string quoted(const std::string& value) {
     qv::json_ptr s(json_object_new_string_len(value.data(), static_cast<int>(value.size())));
@@ -92,42 +76,30 @@ class HostileRequests : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(HostileRequests, RegistrationRefusesNamesThatCannotBeKeysOrSubjectsAndWritesNothing) {
+TEST_F(HostileRequests, RegistrationRefusalsAreLoggedEscapedAndWriteNothing) {
     const auto service = qv_av_control_worker_service_request_handler;
-    std::vector<std::string> worker_names = kHostileNames;
-    // Valid keys that are still no worker's own subject.
-    worker_names.insert(worker_names.end(),
-                        {"_INBOX.abc", "qv-av-events-dispatch", "qv-av-control.ping"});
-    for (const std::string& name : worker_names) {
+    for (const std::string& name : {kInjection, "a\0b"s, std::string(100000, 'w')}) {
         EXPECT_EQ(call(service, registration(quoted(name))),
-                  error_reply(-1000, "Invalid worker name"))
-            << qv_escape_for_log(name);
+                  error_reply(-1000, "Invalid worker name"));
     }
-    for (const std::string& member : {"5"s, "{}"s, quoted("a b"), quoted("qv-av-*"),
-                                      quoted("x\r\ny"), quoted(std::string(100000, 's'))}) {
+    for (const std::string& member : {"5"s, quoted("x\r\ny")}) {
         EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), member)),
-                  error_reply(-1000, "Invalid service name"))
-            << member.substr(0, 20);
+                  error_reply(-1000, "Invalid service name"));
     }
-    EXPECT_FALSE(logged("registration relay")) << "nothing was written";
-    // Shown escaped and cut, on one line.
+    // Without a broker an attempted write would have logged its failure.
+    EXPECT_FALSE(logged("registration relay"));
     EXPECT_TRUE(
         logged("Invalid worker name: 'w\\r\\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config "
                "0\\r\\n'"));
     EXPECT_TRUE(logged("Invalid worker name: 'a\\x00b'"));
     EXPECT_TRUE(logged("Invalid worker name: '" + std::string(64, 'w') + "...'"));
     EXPECT_TRUE(logged("Invalid service name: '5'"));
+    EXPECT_TRUE(logged("Invalid service name: 'x\\r\\ny'"));
 
-    // Missing, null, empty and mistyped worker names keep their replies; a missing, null or empty
-    // service name is still relayed, for the projection to refuse.
-    EXPECT_EQ(call(service, registration("null")),
-              error_reply(-1000, "Key worker-name found, but value is empty"));
-    EXPECT_EQ(call(service, registration("[]")),
-              error_reply(-1000, "Failed to read worker-name from JSON"));
-    EXPECT_EQ(call(service, registration("\"\"")),
-              error_reply(-1000, "Key worker-name found, but value is empty"));
+    // A missing, null or empty service name is still relayed, for the projection to refuse.
     EXPECT_EQ(call(service, R"({"Command": 200, "worker-name": "qv-av-trellix.h_1"})"), kOK);
-    EXPECT_EQ(call(service, registration("\"qv-av-trellix.h_1\"", "\"\"")), kOK);
+    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "null")), kOK);
+    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "\"\"")), kOK);
     EXPECT_TRUE(logged("registration relay: failed to write 'qv-av-trellix.h_1'"));
 }
 
@@ -169,45 +141,20 @@ TEST_F(HostileRequests, CacheFlushNeverSendsToANameThatIsNoWorkerSubject) {
     EXPECT_TRUE(logged("requesting worker qv-av-mimescan.h_1 to flush"));
 }
 
-TEST_F(HostileRequests, ClientServiceRequestChecksRealmSidAndServiceName) {
+TEST_F(HostileRequests, ClientServiceNameIsCheckedAsItIsLookedUpAndTheHostOnlyLogged) {
     const auto client = qv_av_control_worker_client_request_handler;
-    auto request = [](const std::string& realm, const std::string& sid, const std::string& host,
-                      const std::string& service) {
-        return R"({"Command": 2, "realmID": )" + realm + R"(, "SID": )" + sid +
-               R"(, "Hostname": )" + host + R"(, "Servicename": )" + service + "}";
+    auto request = [](const std::string& host, const std::string& service) {
+        return R"({"Command": 2, "realmID": "r1", "SID": "PRD", "Hostname": )" + quoted(host) +
+               R"(, "Servicename": )" + quoted(service) + "}";
     };
-    const std::string ok_realm = quoted("r1");
-    const std::string ok_sid = quoted("PRD");
-    const std::string ok_host = quoted("sap01");
-    const std::string ok_service = quoted("qv-av-trellix");
-    std::vector<std::string> names = kHostileNames;
-    names.insert(names.end(), {"/", ".", "..", "a/b", "${HOME}"});
-    for (const std::string& name : names) {
-        EXPECT_EQ(call(client, request(quoted(name), ok_sid, ok_host, ok_service)),
-                  error_reply(-1, "Invalid realm"))
-            << qv_escape_for_log(name);
-        EXPECT_EQ(call(client, request(ok_realm, quoted(name), ok_host, ok_service)),
-                  error_reply(-1, "Invalid SID"))
-            << qv_escape_for_log(name);
-    }
-    for (const std::string& name :
-         std::vector<std::string>{kInjection, "a\0b"s, "a b", "*", ">", "$x", "a..b"}) {
-        EXPECT_EQ(call(client, request(ok_realm, ok_sid, ok_host, quoted(name))),
-                  error_reply(-1, "Invalid service name"))
-            << qv_escape_for_log(name);
-    }
-    EXPECT_EQ(call(client, request(ok_realm, "7", ok_host, ok_service)),
-              error_reply(-1, "Failed to read SID from JSON"));
+    // Lower-cased, trimmed and cut to 255 characters before the check.
+    EXPECT_EQ(call(client, request("sap01", " QV-AV-Trellix\t")), kOK);
+    EXPECT_EQ(call(client, request("sap01", std::string(1000, 'A'))), kOK);
+    EXPECT_EQ(call(client, request("sap01", "qv av")), error_reply(-1, "Invalid service name"));
 
-    // The name is checked as it is looked up: lower-cased, trimmed and cut to 255 characters.
-    EXPECT_EQ(call(client, request(ok_realm, ok_sid, ok_host, quoted(" QV-AV-Trellix\t"))), kOK);
-    EXPECT_EQ(call(client, request(ok_realm, ok_sid, ok_host, quoted(std::string(1000, 'A')))),
-              kOK);
-
-    // The host name only reaches the trace log, escaped; so does the request dump.
+    // The host name goes nowhere but the trace line, escaped; so does the request dump.
     clear_trace();
-    EXPECT_EQ(call(client, request(ok_realm, ok_sid, quoted("sap01\r\nforged line"), ok_service)),
-              kOK);
+    EXPECT_EQ(call(client, request("sap01\r\nforged line", "qv-av-trellix")), kOK);
     EXPECT_TRUE(logged("r1 - PRD at sap01\\r\\nforged line is requesting service"));
     EXPECT_TRUE(logged("qv-av-control service got message: {\"Command\": 2,"));
     EXPECT_FALSE(logged("\nforged line"));
@@ -234,44 +181,23 @@ TEST_F(HostileRequests, EveryDispatcherTakesOnlyAJsonObject) {
     EXPECT_FALSE(logged("\n\"forged\""));
 }
 
-TEST_F(HostileRequests, SubscriptionRefusesForeignSubjectsAndPatternsAndListsNothing) {
+TEST_F(HostileRequests, LocalSubscriptionListsOnlyPlainSubjectsAndPatterns) {
     const auto events = qv_av_control_event_request_handler;
-    auto subscribe = [](const std::string& service, const std::string& realm = "\"*\"",
-                        const std::string& sid = "\"*\"", const std::string& host = "\"*\"",
-                        const std::string& modules = "\"qv-av-*\"") {
-        return R"({"Command": 500, "Service": )" + service + R"(, "realmID": )" + realm +
-               R"(, "SID": )" + sid + R"(, "Hostname": )" + host + R"(, "Modules": )" + modules +
-               "}";
+    auto subscribe = [](const std::string& service, const std::string& realm) {
+        return R"({"Command": 500, "Service": )" + quoted(service) + R"(, "realmID": )" +
+               quoted(realm) + R"(, "SID": "S?1", "Hostname": "*", "Modules": "qv-av-*"})";
     };
-    std::vector<std::string> subjects = kHostileNames;
-    subjects.insert(subjects.end(), {"_INBOX.abc", "qv-av-events-dispatch", "qv-av-log", "a.*"});
-    for (const std::string& s : subjects) {
-        EXPECT_EQ(call(events, subscribe(quoted(s))), error_reply(-1000, "Invalid handler subject"))
-            << qv_escape_for_log(s);
+    for (const char* subject : {"_INBOX.abc", "qv-av-events-dispatch", "a.*", "$JS.API.X"}) {
+        EXPECT_EQ(call(events, subscribe(subject, "*")),
+                  error_reply(-1000, "Invalid handler subject"));
     }
-    EXPECT_EQ(call(events, subscribe("5")), error_reply(-1000, "Invalid handler subject"));
-    // Patterns keep '*', '?' and ';'; everything else outside the key alphabet is refused.
-    const std::string h = quoted("qv-test.h");
-    for (const std::string& bad : std::vector<std::string>{kInjection, "a\0b"s, "a b", ">", "$x",
-                                                           "a,b", std::string(100000, 'p')}) {
-        const std::string p = quoted(bad);
-        EXPECT_EQ(call(events, subscribe(h, p)), error_reply(-1000, "Invalid realm pattern"));
-        EXPECT_EQ(call(events, subscribe(h, "\"*\"", p)),
-                  error_reply(-1000, "Invalid SID pattern"));
-        EXPECT_EQ(call(events, subscribe(h, "\"*\"", "\"*\"", p)),
-                  error_reply(-1000, "Invalid host name pattern"));
-        EXPECT_EQ(call(events, subscribe(h, "\"*\"", "\"*\"", "\"*\"", p)),
-                  error_reply(-1000, "Invalid module pattern"));
-    }
-    EXPECT_EQ(call(events, subscribe(h, "[\"r1\"]")), error_reply(-1000, "Invalid realm pattern"));
+    EXPECT_EQ(call(events, subscribe("qv-test.h", "r 1")),
+              error_reply(-1000, "Invalid realm pattern"));
     EXPECT_TRUE(config->event_workers_list.empty());
-    EXPECT_TRUE(logged("Invalid handler subject: '$JS.API.STREAM.PURGE.KV_qv-av-config'"));
+    EXPECT_TRUE(logged("Invalid handler subject: '$JS.API.X'"));
+    EXPECT_TRUE(logged("Invalid realm pattern: 'r 1'"));
 
-    // A missing or empty member is still answered OK without listing anything.
-    EXPECT_EQ(call(events, R"({"Command": 500, "Service": "qv-test.h"})"), kOK);
-    EXPECT_EQ(call(events, subscribe(h, "\"\"")), kOK);
-    EXPECT_TRUE(config->event_workers_list.empty());
-    EXPECT_EQ(call(events, subscribe(h, "\"r?;r1*\"", "\"S01\"", "\"host-1.example.com\"")), kOK);
+    EXPECT_EQ(call(events, subscribe("qv-test.h", "r?;r1*")), kOK);
     ASSERT_EQ(config->event_workers_list.size(), 1u);
     EXPECT_EQ(config->event_workers_list.front().realm, "r?;r1*");
 }
