@@ -17,6 +17,8 @@
 #include "qv_connection_client.h"
 #include "qv_json.h"
 #include "qv_nats_kv.h"
+#include "qv_validate.h"
+#include "qvctrl_worker_request_handlers.h"
 #include "qvhlp_replies.h"
 #include "qvhlp_string.h"
 
@@ -27,9 +29,11 @@ constexpr time_t kLocalHandlerLifetimeS = 30;
 // A projected handler lives as long as its bucket entry; its own expiry is only a far bound.
 constexpr time_t kProjectedHandlerLifetimeS = 31536000;
 constexpr uint32_t kForwardTimeoutMs = 4000;
-constexpr int kForwardRetries = 3;
+constexpr int kForwardAttempts = 3;
 constexpr const char* kForwardFailedText = "Failed to send event to handler";
 constexpr const char* kBucket = QV_KV_EVENT_SUBSCRIPTIONS_BUCKET;
+// How much of a request the trace log shows when it dumps one.
+constexpr size_t kRequestDumpMax = 4096;
 
 // 1 when `name` matches one of the ';'-separated wildcard patterns of `list` (case-sensitive).
 // Empty pieces between separators are no patterns, so a list of separators only matches nothing;
@@ -75,25 +79,99 @@ void s_delete_expired_eventhandlers(quorvale_control_config_t* config) {
     }
 }
 
-// SUBSCRIBE. A malformed subscription is logged but answered OK: its sender is not told.
+// The members of one SUBSCRIBE, each checked for where it goes: the subject events are sent to
+// (and the bucket key), and the scope's pattern lists.
+struct subscription_t {
+    std::string service;
+    std::string realm;
+    std::string sid;
+    std::string hostname;
+    std::string modules;
+};
+
+enum class member_t { ok, missing, refused };
+
+bool s_valid_subject(std::string_view value) {
+    return qv_valid_handler_subject(value);
+}
+
+bool s_valid_patterns(std::string_view value) {
+    return qv_valid_pattern_list(value);
+}
+
+// One member of a SUBSCRIBE: missing or empty is logged as every required member is; a value of
+// another type, or one that `valid` refuses, is refused with `error`.
+member_t s_subscription_member(json_object* request, const char* key,
+                               bool (*valid)(std::string_view), const char* error,
+                               std::string* out) {
+    json_object* member = nullptr;
+    if (json_object_object_get_ex(request, key, &member) && member != nullptr &&
+        !json_object_is_type(member, json_type_string)) {
+        qv_log_refused(error, qv_json_to_string(member));
+        return member_t::refused;
+    }
+    if (qv_json_get_required_string(request, key) == nullptr) {
+        return member_t::missing;
+    }
+    const std::string_view text = qv_json_get_text(request, key);
+    if (!valid(text)) {
+        qv_log_refused(error, text);
+        return member_t::refused;
+    }
+    out->assign(text);
+    return member_t::ok;
+}
+
+// Reads the members in their fixed order and stops at the first that is not ok; its error text
+// goes to *error when it was refused.
+member_t s_read_subscription(json_object* request, subscription_t* sub, const char** error) {
+    const struct {
+        const char* key;
+        bool (*valid)(std::string_view);
+        const char* error;
+        std::string* out;
+    } members[] = {
+        {"Service", s_valid_subject, "Invalid handler subject", &sub->service},
+        {"realmID", s_valid_patterns, "Invalid realm pattern", &sub->realm},
+        {"SID", s_valid_patterns, "Invalid SID pattern", &sub->sid},
+        {"Hostname", s_valid_patterns, "Invalid host name pattern", &sub->hostname},
+        {"Modules", s_valid_patterns, "Invalid module pattern", &sub->modules},
+    };
+    for (const auto& m : members) {
+        const member_t state = s_subscription_member(request, m.key, m.valid, m.error, m.out);
+        if (state != member_t::ok) {
+            *error = m.error;
+            return state;
+        }
+    }
+    return member_t::ok;
+}
+
+// SUBSCRIBE. A subscription with a missing member is logged but answered OK: its sender is not
+// told. One whose subject or patterns are refused is answered with an error and stores nothing.
 qv_message_t s_qvctrl_handle_eventhandler_registration(json_object* request,
                                                        quorvale_control_config_t* config) {
     log_trace("Entering");
     qv_message_t reply;
-    const char* service = nullptr;
-    const char* realm = nullptr;
-    const char* sid = nullptr;
-    const char* hostname = nullptr;
-    const char* modules = nullptr;
-    if ((service = qv_json_get_required_string(request, "Service")) == nullptr ||
-        (realm = qv_json_get_required_string(request, "realmID")) == nullptr ||
-        (sid = qv_json_get_required_string(request, "SID")) == nullptr ||
-        (hostname = qv_json_get_required_string(request, "Hostname")) == nullptr ||
-        (modules = qv_json_get_required_string(request, "Modules")) == nullptr) {
-        qv_reply_set_OK(&reply);
-        log_trace("Exiting");
-        return reply;
+    subscription_t sub;
+    const char* error = nullptr;
+    switch (s_read_subscription(request, &sub, &error)) {
+        case member_t::missing:
+            qv_reply_set_OK(&reply);
+            log_trace("Exiting");
+            return reply;
+        case member_t::refused:
+            qv_reply_set_ERROR(&reply, SERVICE_ERROR, error);
+            log_trace("Exiting");
+            return reply;
+        case member_t::ok:
+            break;
     }
+    const char* service = sub.service.c_str();
+    const char* realm = sub.realm.c_str();
+    const char* sid = sub.sid.c_str();
+    const char* hostname = sub.hostname.c_str();
+    const char* modules = sub.modules.c_str();
 
     if (config->event_subscription_kv_enabled) {
         // Shared mode: the bucket is the subscription list; this daemon's own list follows it
@@ -165,17 +243,15 @@ qv_message_t s_qvctrl_handle_eventhandler_registration(json_object* request,
     return reply;
 }
 
-// Sends the event request to one handler; its reply only counts by its "ReturnCode".
-int s_ForwardEvent(const std::string& request_text, qv_nats_config* nats_config,
-                   const std::string& subject) {
-    const int rc = qv_connection_simple_request(nats_config, subject.c_str(), request_text.c_str(),
-                                                kForwardTimeoutMs, kForwardRetries, nullptr);
+// Logs the outcome of one forward; true when it failed. The reply only counts by its
+// "ReturnCode".
+bool s_forward_failed(int rc, const std::string& subject, const char* system_error) {
     if (rc < 0) {
-        log_error("Failed to send event (rc:%d): %s", rc, strerror(errno));
-        return -1;
+        log_error("Failed to send event (rc:%d): %s", rc, system_error);
+        return true;
     }
     log_trace("Event sent to %s", subject.c_str());
-    return rc;
+    return false;
 }
 
 qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_config_t* config,
@@ -197,8 +273,15 @@ qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_conf
         const std::string hostname = qv_json_get_optional_string(request, "Hostname");
         const std::string realm = qv_json_get_optional_string(request, "realmID");
         const std::string sid = qv_json_get_optional_string(request, "SID");
+        // The event's own members are only matched against patterns; in the trace log they are
+        // shown escaped, so an event cannot write lines of its own.
+        const std::string shown_hostname = qv_escape_for_log(hostname, QV_VALUE_MAX);
+        const std::string shown_realm = qv_escape_for_log(realm, QV_VALUE_MAX);
+        const std::string shown_sid = qv_escape_for_log(sid, QV_VALUE_MAX);
+        const std::string shown_component = qv_escape_for_log(component, QV_VALUE_MAX);
         log_debug("Dispatch: event filter Hostname='%s' realmID='%s' SID='%s' Component='%s'",
-                  hostname.c_str(), realm.c_str(), sid.c_str(), component);
+                  shown_hostname.c_str(), shown_realm.c_str(), shown_sid.c_str(),
+                  shown_component.c_str());
 
         // Targets are collected under the lock and served after it, so a slow handler holds up
         // neither subscriptions nor other dispatches.
@@ -221,9 +304,15 @@ qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_conf
 
         int failures = 0;
         if (!targets.empty()) {
-            const std::string text = qv_json_to_string(request);
-            for (const std::string& target : targets) {
-                if (s_ForwardEvent(text, config->main_nats_config.get(), target) < 0) {
+            // All forwards are in flight at once, so handlers that do not answer cost one
+            // time-out, not one each; the outcome is logged in target order afterwards.
+            const std::vector<int> results = qv_connection_simple_request_all(
+                config->main_nats_config.get(), targets, qv_json_to_string(request),
+                kForwardTimeoutMs, kForwardAttempts);
+            const std::string system_error = strerror(errno);
+            for (size_t i = 0; i < targets.size(); ++i) {
+                if (s_forward_failed(i < results.size() ? results[i] : -1, targets[i],
+                                     system_error.c_str())) {
                     ++failures;
                 }
             }
@@ -231,7 +320,8 @@ qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_conf
             log_info(
                 "Dispatch: NO subscriber matched — %d handler(s) in this node's projection; event "
                 "filter Hostname='%s' realmID='%s' SID='%s' Component='%s'",
-                handler_count, hostname.c_str(), realm.c_str(), sid.c_str(), component);
+                handler_count, shown_hostname.c_str(), shown_realm.c_str(), shown_sid.c_str(),
+                shown_component.c_str());
             if (log_get_level() >= QVLOG_DEBUG) {
                 std::lock_guard<std::mutex> lock(config->event_workers_listmutex);
                 for (const qv_eventhandler_t& h : config->event_workers_list) {
@@ -267,25 +357,14 @@ qv_message_t s_qv_av_control_handle_dispatch_event_request(quorvale_control_conf
     return reply;
 }
 
-// Decodes the request and runs the command. -1 when the text is no JSON.
+// Decodes the request and runs the command. -1 when the text is not a JSON object (text after
+// the object, an embedded NUL included, makes it undecodable too).
 int s_handle_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
     const std::string& text = rr->request->json_txt;
-    qv::json_tokener_ptr tok(json_tokener_new());
-    if (!tok) {
-        log_error("Failed to create JSON tokener");
-        return -1;
-    }
-    qv::json_ptr request(
-        json_tokener_parse_ex(tok.get(), text.c_str(), static_cast<int>(text.size())));
+    qv::json_ptr request = qvctrl_decode_request(text);
     if (!request) {
-        enum json_tokener_error error = json_tokener_get_error(tok.get());
-        if (error == json_tokener_continue) {
-            error = json_tokener_error_parse_eof;
-        }
-        log_error("Failed to parse JSON. Errorcode: %s. JSON: \n", json_tokener_error_desc(error));
         return -1;
     }
-    tok.reset();
 
     const int command = qv_json_get_command(request.get(), -1);
     switch (command) {
@@ -297,10 +376,29 @@ int s_handle_request(quorvale_control_config_t* config, qv_const_request_reply_t
             break;
         default:
             log_error("Ignoring invalid request: %d", command);
-            log_error("Complete request:\n%s", text.c_str());
+            log_error("Complete request:\n%s", qv_escape_for_log(text, kRequestDumpMax).c_str());
             break;
     }
     return 0;
+}
+
+// A pattern list of the bucket value of `service` (missing or null: empty). False, with a
+// warning, when it is no valid pattern list; the whole text of a string counts, embedded NUL
+// bytes included.
+bool s_projected_patterns(json_object* value, const char* member_name, const char* service,
+                          std::string* out) {
+    json_object* member = nullptr;
+    const bool is_string = json_object_object_get_ex(value, member_name, &member) &&
+                           json_object_is_type(member, json_type_string);
+    *out = is_string ? std::string(qv_json_get_text(value, member_name))
+                     : qv_json_get_optional_string(value, member_name);
+    if (!qv_valid_pattern_list(*out)) {
+        const std::string what = std::string("event-sub: skipping subscription of '") + service +
+                                 "' with an invalid " + member_name + " pattern list";
+        qv_log_refused(what.c_str(), *out);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -334,15 +432,27 @@ void qvctrl_event_sub_apply_put(quorvale_control_config_t* config, const char* k
     if (config == nullptr || key == nullptr || key[0] == '\0' || value_text == nullptr) {
         return;
     }
+    // The bucket can be written by anyone with credentials: a key that could not be a handler's
+    // own subject never becomes a forward target.
+    if (!qv_valid_handler_subject(key)) {
+        qv_log_refused("event-sub: skipping invalid subscription key", key);
+        return;
+    }
     qv::json_ptr value = qv_json_parse(value_text);
     if (!value) {
         log_warn("event-sub: could not parse subscription value for service '%s'", key);
         return;
     }
-    const std::string realm = qv_json_get_optional_string(value.get(), "realmID");
-    const std::string sid = qv_json_get_optional_string(value.get(), "SID");
-    const std::string hostname = qv_json_get_optional_string(value.get(), "Hostname");
-    const std::string modules = qv_json_get_optional_string(value.get(), "Modules");
+    std::string realm;
+    std::string sid;
+    std::string hostname;
+    std::string modules;
+    if (!s_projected_patterns(value.get(), "realmID", key, &realm) ||
+        !s_projected_patterns(value.get(), "SID", key, &sid) ||
+        !s_projected_patterns(value.get(), "Hostname", key, &hostname) ||
+        !s_projected_patterns(value.get(), "Modules", key, &modules)) {
+        return;
+    }
 
     std::lock_guard<std::mutex> lock(config->event_workers_listmutex);
     auto& handlers = config->event_workers_list;
@@ -403,8 +513,13 @@ int qvctrl_event_sub_reconcile(quorvale_control_config_t* config) {
                 return;
             }
             keys.insert(key);
+            if (!qv_valid_handler_subject(key)) {
+                qv_log_refused("event-sub: skipping invalid subscription key", key);
+                return;
+            }
             if (value != nullptr) {
-                log_debug("event-sub reconcile: projecting key='%s' value=%s", key, value);
+                log_debug("event-sub reconcile: projecting key='%s' value=%s", key,
+                          qv_escape_for_log(value, kRequestDumpMax).c_str());
                 qvctrl_event_sub_apply_put(config, key, value);
             }
         });

@@ -21,6 +21,8 @@ int qv_av_control_event_request_handler(void* context, qv_const_request_reply_t*
 // (also 0 in local mode, where there is nothing to do).
 int qvctrl_event_sub_reconcile(quorvale_control_config_t* config);
 // Creates or updates the handler of subject `key` from a bucket value (the relayed SUBSCRIBE).
+// A key that is no valid handler subject, or a value whose pattern lists are not valid, is skipped
+// with a warning (a handler already projected for the key keeps its scope).
 void qvctrl_event_sub_apply_put(quorvale_control_config_t* config, const char* key,
                                 const char* value_text);
 // Removes the handler of subject `key`, for a bucket entry that was deleted or expired.

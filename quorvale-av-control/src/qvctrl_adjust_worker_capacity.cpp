@@ -13,6 +13,7 @@
 #include "qv_connection_client.h"
 #include "qvctrl_flush_worker_caches.h"
 #include "qv_json.h"
+#include "qv_validate.h"
 #include "qvhlp_network.h"
 #include "qvhlp_replies.h"
 
@@ -73,7 +74,27 @@ bool s_flushes_when_new(const std::string& service) {
            strcasecmp(service.c_str(), "qv-av-activecontent") == 0;
 }
 
+// A present "service-name" that is not a non-empty string of the key alphabet. Missing, null and
+// empty are left to the projection, which refuses them as before.
+bool s_refused_service_name(json_object* request, std::string* shown) {
+    json_object* member = nullptr;
+    if (!json_object_object_get_ex(request, "service-name", &member) || member == nullptr) {
+        return false;
+    }
+    if (!json_object_is_type(member, json_type_string)) {
+        *shown = qv_json_to_string(member);
+        return true;
+    }
+    const std::string_view text = qv_json_get_text(request, "service-name");
+    *shown = std::string(text);
+    return !text.empty() && !qv_valid_key(text);
+}
+
 }  // namespace
+
+bool qvctrl_valid_worker_name(std::string_view name) {
+    return qv_valid_key(name) && qv_valid_handler_subject(name);
+}
 
 qv_message_t qvctrl_handle_service_registration(quorvale_control_config_t* config,
                                                 json_object* request_json) {
@@ -83,6 +104,22 @@ qv_message_t qvctrl_handle_service_registration(quorvale_control_config_t* confi
     const char* worker_name = qv_json_get_required_string(request_json, "worker-name", &reason);
     if (worker_name == nullptr) {
         qv_reply_set_ERROR(&reply, SERVICE_ERROR, reason.c_str());
+        log_trace("Exiting");
+        return reply;
+    }
+    // The name becomes a bucket key and a subject on the daemon's own connection: one bad byte
+    // there would reach the server as protocol text.
+    const std::string_view worker_text = qv_json_get_text(request_json, "worker-name");
+    if (!qvctrl_valid_worker_name(worker_text)) {
+        qv_log_refused("Invalid worker name", worker_text);
+        qv_reply_set_ERROR(&reply, SERVICE_ERROR, "Invalid worker name");
+        log_trace("Exiting");
+        return reply;
+    }
+    std::string service_text;
+    if (s_refused_service_name(request_json, &service_text)) {
+        qv_log_refused("Invalid service name", service_text);
+        qv_reply_set_ERROR(&reply, SERVICE_ERROR, "Invalid service name");
         log_trace("Exiting");
         return reply;
     }
@@ -122,6 +159,19 @@ int qvctrl_apply_worker_registration(quorvale_control_config_t* config,
     }
     const char* secret = qv_json_get_required_string(registration_json, "Secret", nullptr);
     if (secret == nullptr) {
+        return -1;
+    }
+    // Anyone who may write the bucket can put an entry there: its names are checked as a relayed
+    // registration's are, since the worker-name is the subject a cache flush goes to.
+    const std::string_view worker_text = qv_json_get_text(registration_json, "worker-name");
+    if (!qvctrl_valid_worker_name(worker_text)) {
+        qv_log_refused("Registry: skipping registration with an invalid worker name", worker_text);
+        return -1;
+    }
+    const std::string_view service_text = qv_json_get_text(registration_json, "service-name");
+    if (!qv_valid_key(service_text)) {
+        qv_log_refused("Registry: skipping registration with an invalid service name",
+                       service_text);
         return -1;
     }
     const int32_t is_primary = s_optional_int(registration_json, "Primary");

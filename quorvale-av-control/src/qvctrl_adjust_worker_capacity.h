@@ -6,19 +6,27 @@
 
 #include <json-c/json.h>
 
+#include <string_view>
+
 #include "qv_request_reply_types.h"
 #include "qvctrl_config.h"
+
+// A worker-name is the worker's registry key and the subject its cache flushes are sent to, so it
+// must be a plain bucket key that is also a foreign subject (not an inbox, not one of ours).
+bool qvctrl_valid_worker_name(std::string_view name);
 
 // Command 200: stores the whole registration under its "worker-name" with the registry lease
 // (worker_registry_ttl_ms, 15000 ms when below 1). The reply is OK also when the write fails (the
 // worker registers again on its next beat); an ERROR reply -1000 when "worker-name" is missing or
-// empty.
+// empty, or when "worker-name" or a present, non-empty "service-name" is not a valid name ("Invalid
+// worker name", "Invalid service name"; nothing is written then).
 qv_message_t qvctrl_handle_service_registration(quorvale_control_config_t* config,
                                                 json_object* request_json);
 
 // Creates or refreshes the running_services node of one registration document. A new local
 // mime-scan or active-content worker gets its caches flushed. 0, or -1 when a required member is
-// missing or empty (the list is then unchanged) or the node cannot be allocated.
+// missing or empty, when the worker-name or service-name is not a valid name (the list is then
+// unchanged) or the node cannot be allocated.
 int qvctrl_apply_worker_registration(quorvale_control_config_t* config,
                                      json_object* registration_json);
 

@@ -5,6 +5,8 @@
 #include "log.h"
 #include "qv_connection_client.h"
 #include "qv_json.h"
+#include "qv_validate.h"
+#include "qvctrl_adjust_worker_capacity.h"
 #include "qvhlp_path.h"
 
 namespace {
@@ -64,6 +66,13 @@ void qvctrl_flush_worker_caches(quorvale_control_config_t* config, const char* s
     while (walk.hasnext()) {
         auto worker = walk.next();
         if (!worker || worker->servicename != service) {
+            continue;
+        }
+        // The worker's name is the subject: a name that could not be a worker's own subject is
+        // never sent to, whoever put it in the list.
+        if (!qvctrl_valid_worker_name(worker->controlservicename)) {
+            qv_log_refused("Not flushing the caches of a worker with an invalid name",
+                           worker->controlservicename);
             continue;
         }
         const char* subject = worker->controlservicename.c_str();

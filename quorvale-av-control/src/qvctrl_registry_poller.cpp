@@ -12,6 +12,7 @@
 #include "log.h"
 #include "qv_connection_client.h"
 #include "qv_json.h"
+#include "qv_validate.h"
 #include "qvctrl_adjust_worker_capacity.h"
 
 namespace {
@@ -45,6 +46,12 @@ void s_registry_snapshot_cb(reconcile_context* ctx, const char* key, const char*
     }
     // Every key that exists shields a running worker of that name, applied here or not.
     ctx->keys.insert(key);
+    // Whoever may write the bucket may write any key: one that is no worker name is never
+    // projected, so it can neither name a flush subject nor reach a log line unescaped.
+    if (!qvctrl_valid_worker_name(key)) {
+        qv_log_refused("registry reconcile: skipping invalid worker key", key);
+        return;
+    }
     const std::string_view name(key);
     const size_t dot = name.find('.');
     if (dot == std::string_view::npos || dot == 0 || dot >= s_max_service_name) {

@@ -7,33 +7,41 @@
 #include "log.h"
 #include "qv_json.h"
 #include "qv_handles.h"
+#include "qv_validate.h"
 #include "qvctrl_adjust_worker_capacity.h"
 #include "qvctrl_client_services.h"
 #include "qvctrl_config.h"
 #include "qvctrl_scan_config_requests.h"
 #include "qvhlp_replies.h"
 
-namespace {
-
-// Decodes the request text; null (logged) when it is not JSON.
-qv::json_ptr s_decode_request(const std::string& text) {
-    qv::json_tokener_ptr tok(json_tokener_new());
-    if (!tok) {
-        log_error("Failed to create JSON tokener");
+qv::json_ptr qvctrl_decode_request(const std::string& text) {
+    const char* error = nullptr;
+    qv::json_ptr request = qv_json_parse(text, &error);
+    if (!request) {
+        if (error != nullptr && strcmp(error, "Failed to create JSON tokener") == 0) {
+            log_error("Failed to create JSON tokener");
+        } else {
+            // The offending text is deliberately not printed.
+            log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
+                      error != nullptr ? error : "unknown");
+        }
         return nullptr;
     }
-    qv::json_ptr request(
-        json_tokener_parse_ex(tok.get(), text.c_str(), static_cast<int>(strlen(text.c_str()))));
-    if (!request) {
-        // The offending text is deliberately not printed.
-        log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
-                  json_tokener_error_desc(json_tokener_get_error(tok.get())));
+    // A request is always an object: anything else is treated like text that does not parse.
+    if (!json_object_is_type(request.get(), json_type_object)) {
+        log_error("Failed to parse JSON. Errorcode: %s. JSON: \n", "not a JSON object");
+        return nullptr;
     }
     return request;
 }
 
+namespace {
+
+// How much of a request the trace log shows when it dumps one.
+constexpr size_t s_request_dump_max = 4096;
+
 int s_dispatch_service_side(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
-    qv::json_ptr request = s_decode_request(rr->request->json_txt);
+    qv::json_ptr request = qvctrl_decode_request(rr->request->json_txt);
     if (!request) {
         return -1;
     }
@@ -51,7 +59,8 @@ int s_dispatch_service_side(quorvale_control_config_t* config, qv_const_request_
             break;
         default:
             log_error("Ignoring invalid request: %d", command);
-            log_error("Complete request:\n%s", rr->request->json_txt.c_str());
+            log_error("Complete request:\n%s",
+                      qv_escape_for_log(rr->request->json_txt, s_request_dump_max).c_str());
             break;
     }
     return 0;
@@ -59,8 +68,9 @@ int s_dispatch_service_side(quorvale_control_config_t* config, qv_const_request_
 
 int s_dispatch_client_side(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
     log_trace("Dispatching the message/task");
-    log_trace("qv-av-control service got message: %s", rr->request->json_txt.c_str());
-    qv::json_ptr request = s_decode_request(rr->request->json_txt);
+    log_trace("qv-av-control service got message: %s",
+              qv_escape_for_log(rr->request->json_txt, s_request_dump_max).c_str());
+    qv::json_ptr request = qvctrl_decode_request(rr->request->json_txt);
     if (!request) {
         return -1;
     }

@@ -1,0 +1,244 @@
+// Hostile values in the requests of the worker-control, client and event services, and in the
+// bucket entries the daemon projects, handled in this process without a broker: each refused kind
+// of value gets its reply and a warning, and nothing is handed on. Without a broker every attempted
+// bucket write or request fails with a log line of its own, so the absence of that line shows
+// that nothing was attempted.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "log.h"
+#include "qv-av-control-event-dispatcher.h"
+#include "qv_json.h"
+#include "qv_test_util.h"
+#include "qv_validate.h"
+#include "qvctrl_adjust_worker_capacity.h"
+#include "qvctrl_flush_worker_caches.h"
+#include "qvctrl_worker_request_handlers.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+const std::string kInjection = "w\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0\r\n";
+
+// The JSON text of a string member.
+std::string quoted(const std::string& value) {
+    qv::json_ptr s(json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+    return qv_json_to_string(s.get());
+}
+
+std::string error_reply(int rc, const std::string& text) {
+    return "{\"ReturnCode\": " + std::to_string(rc) + ", \"Error\": \"" + text + "\"}";
+}
+
+const std::string kOK = "{\"ReturnCode\": 0}";
+
+class HostileRequests : public ::testing::Test {
+  protected:
+    std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
+    qvtest::TempDir dir;
+    const std::string log_path = dir / "trace.log";
+    const int saved_level = log_get_level();
+
+    void SetUp() override {
+        log_set_quiet(1);
+        log_set_filename(log_path.c_str());
+        log_set_level(QVLOG_TRACE);
+    }
+    void TearDown() override {
+        log_set_filename(nullptr);
+        log_set_level(saved_level);
+        log_set_quiet(0);
+    }
+    std::string trace() const {
+        return qvtest::file_exists(log_path) ? qvtest::read_file(log_path) : "";
+    }
+    bool logged(const std::string& text) const { return trace().find(text) != std::string::npos; }
+    void clear_trace() { qvtest::write_file(log_path, ""); }
+    std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
+        qv_request_reply_t rr;
+        rr.request.json_txt = body;
+        qv_const_request_reply_t crr{&rr.request, &rr.reply};
+        const int status = handler(config.get(), &crr);
+        if (rc != nullptr) {
+            *rc = status;
+        }
+        return rr.reply.json_txt;
+    }
+    std::string registration(const std::string& worker_member,
+                             const std::string& service_member = "\"qv-av-trellix\"") {
+        return R"({"Command": 200, "service-name": )" + service_member + R"(, "worker-name": )" +
+               worker_member + R"(, "Secret": "s"})";
+    }
+};
+
+}  // namespace
+
+TEST_F(HostileRequests, RegistrationRefusalsAreLoggedEscapedAndWriteNothing) {
+    const auto service = qv_av_control_worker_service_request_handler;
+    for (const std::string& name : {kInjection, "a\0b"s, std::string(100000, 'w')}) {
+        EXPECT_EQ(call(service, registration(quoted(name))),
+                  error_reply(-1000, "Invalid worker name"));
+    }
+    for (const std::string& member : {"5"s, quoted("x\r\ny")}) {
+        EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), member)),
+                  error_reply(-1000, "Invalid service name"));
+    }
+    // Without a broker an attempted write would have logged its failure.
+    EXPECT_FALSE(logged("registration relay"));
+    EXPECT_TRUE(
+        logged("Invalid worker name: 'w\\r\\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config "
+               "0\\r\\n'"));
+    EXPECT_TRUE(logged("Invalid worker name: 'a\\x00b'"));
+    EXPECT_TRUE(logged("Invalid worker name: '" + std::string(64, 'w') + "...'"));
+    EXPECT_TRUE(logged("Invalid service name: '5'"));
+    EXPECT_TRUE(logged("Invalid service name: 'x\\r\\ny'"));
+
+    // A missing, null or empty service name is still relayed, for the projection to refuse.
+    EXPECT_EQ(call(service, R"({"Command": 200, "worker-name": "qv-av-trellix.h_1"})"), kOK);
+    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "null")), kOK);
+    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "\"\"")), kOK);
+    EXPECT_TRUE(logged("registration relay: failed to write 'qv-av-trellix.h_1'"));
+}
+
+TEST_F(HostileRequests, ProjectionSkipsEntriesWithInvalidNames) {
+    auto apply = [&](const std::string& worker, const std::string& service) {
+        return qvctrl_apply_worker_registration(config.get(),
+                                                qv_json_parse(registration(worker, service)).get());
+    };
+    EXPECT_EQ(apply(quoted("qv-av-trellix.h b"), "\"qv-av-trellix\""), -1);
+    EXPECT_EQ(apply(quoted("qv-av-events-dispatch"), "\"qv-av-trellix\""), -1);
+    EXPECT_EQ(apply(quoted("qv-av-trellix.h\0x"s), "\"qv-av-trellix\""), -1);
+    EXPECT_EQ(apply(quoted("qv-av-trellix.h_1"), quoted("qv-av-trellix\r\n")), -1);
+    EXPECT_EQ(config->running_services.size(), 0u);
+    EXPECT_TRUE(
+        logged("Registry: skipping registration with an invalid worker name: "
+               "'qv-av-trellix.h b'"));
+    EXPECT_TRUE(
+        logged("Registry: skipping registration with an invalid service name: "
+               "'qv-av-trellix\\r\\n'"));
+    EXPECT_EQ(apply(quoted("qv-av-trellix.h_1"), "\"qv-av-trellix\""), 0);
+    EXPECT_EQ(config->running_services.size(), 1u);
+}
+
+TEST_F(HostileRequests, CacheFlushNeverSendsToANameThatIsNoWorkerSubject) {
+    for (const char* name : {"qv-av-events-dispatch", "_INBOX.x", "a b", "qv-av-mimescan.h_1"}) {
+        auto w = std::make_shared<qv_active_worker_t>();
+        w->servicename = "qv-av-mimescan";
+        w->controlservicename = name;
+        config->running_services.append(w);
+    }
+    qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", nullptr, nullptr);
+    EXPECT_TRUE(
+        logged("Not flushing the caches of a worker with an invalid name: "
+               "'qv-av-events-dispatch'"));
+    EXPECT_TRUE(logged("Not flushing the caches of a worker with an invalid name: '_INBOX.x'"));
+    EXPECT_FALSE(logged("requesting worker qv-av-events-dispatch"));
+    EXPECT_FALSE(logged("requesting worker _INBOX.x"));
+    EXPECT_FALSE(logged("requesting worker a b"));
+    EXPECT_TRUE(logged("requesting worker qv-av-mimescan.h_1 to flush"));
+}
+
+TEST_F(HostileRequests, ClientServiceNameIsCheckedAsItIsLookedUpAndTheHostOnlyLogged) {
+    const auto client = qv_av_control_worker_client_request_handler;
+    auto request = [](const std::string& host, const std::string& service) {
+        return R"({"Command": 2, "realmID": "r1", "SID": "PRD", "Hostname": )" + quoted(host) +
+               R"(, "Servicename": )" + quoted(service) + "}";
+    };
+    // Lower-cased, trimmed and cut to 255 characters before the check.
+    EXPECT_EQ(call(client, request("sap01", " QV-AV-Trellix\t")), kOK);
+    EXPECT_EQ(call(client, request("sap01", std::string(1000, 'A'))), kOK);
+    EXPECT_EQ(call(client, request("sap01", "qv av")), error_reply(-1, "Invalid service name"));
+
+    // The host name goes nowhere but the trace line, escaped; so does the request dump.
+    clear_trace();
+    EXPECT_EQ(call(client, request("sap01\r\nforged line", "qv-av-trellix")), kOK);
+    EXPECT_TRUE(logged("r1 - PRD at sap01\\r\\nforged line is requesting service"));
+    EXPECT_TRUE(logged("qv-av-control service got message: {\"Command\": 2,"));
+    EXPECT_FALSE(logged("\nforged line"));
+}
+
+TEST_F(HostileRequests, EveryDispatcherTakesOnlyAJsonObject) {
+    const qv_service_handler_t dispatchers[] = {qv_av_control_worker_service_request_handler,
+                                                qv_av_control_worker_client_request_handler,
+                                                qv_av_control_event_request_handler};
+    for (const qv_service_handler_t dispatcher : dispatchers) {
+        for (const std::string& body : {"[1]"s, "\"x\""s, "3"s, "null"s, "true"s,
+                                        "{\"Command\": 3} x"s, "{\"Command\": 3}\0x"s}) {
+            int rc = 0;
+            EXPECT_EQ(call(dispatcher, body, &rc), "{\"ReturnCode\": -1}")
+                << qv_escape_for_log(body);
+            EXPECT_EQ(rc, -1);
+        }
+    }
+    EXPECT_TRUE(logged("Failed to parse JSON. Errorcode: not a JSON object. JSON: \n"));
+    // A dumped request cannot start a line of its own.
+    clear_trace();
+    call(qv_av_control_worker_service_request_handler, "{\"Command\": 77,\r\n\"forged\": 1}");
+    EXPECT_TRUE(logged("Complete request:\n{\"Command\": 77,\\r\\n\"forged\": 1}"));
+    EXPECT_FALSE(logged("\n\"forged\""));
+}
+
+TEST_F(HostileRequests, LocalSubscriptionListsOnlyPlainSubjectsAndPatterns) {
+    const auto events = qv_av_control_event_request_handler;
+    auto subscribe = [](const std::string& service, const std::string& realm) {
+        return R"({"Command": 500, "Service": )" + quoted(service) + R"(, "realmID": )" +
+               quoted(realm) + R"(, "SID": "S?1", "Hostname": "*", "Modules": "qv-av-*"})";
+    };
+    for (const char* subject : {"_INBOX.abc", "qv-av-events-dispatch", "a.*", "$JS.API.X"}) {
+        EXPECT_EQ(call(events, subscribe(subject, "*")),
+                  error_reply(-1000, "Invalid handler subject"));
+    }
+    EXPECT_EQ(call(events, subscribe("qv-test.h", "r 1")),
+              error_reply(-1000, "Invalid realm pattern"));
+    EXPECT_TRUE(config->event_workers_list.empty());
+    EXPECT_TRUE(logged("Invalid handler subject: '$JS.API.X'"));
+    EXPECT_TRUE(logged("Invalid realm pattern: 'r 1'"));
+
+    EXPECT_EQ(call(events, subscribe("qv-test.h", "r?;r1*")), kOK);
+    ASSERT_EQ(config->event_workers_list.size(), 1u);
+    EXPECT_EQ(config->event_workers_list.front().realm, "r?;r1*");
+}
+
+TEST_F(HostileRequests, SharedProjectionSkipsForeignKeysAndInvalidScopes) {
+    config->event_subscription_kv_enabled = true;
+    const std::string good = R"({"realmID": "r1", "SID": "*", "Hostname": "*", "Modules": "*"})";
+    for (const char* key : {"$JS.API.STREAM.PURGE.KV_qv-av-config", "_INBOX.x",
+                            "qv-av-events-dispatch", "a b", "a.>"}) {
+        qvctrl_event_sub_apply_put(config.get(), key, good.c_str());
+    }
+    EXPECT_TRUE(config->event_workers_list.empty());
+    EXPECT_TRUE(
+        logged("event-sub: skipping invalid subscription key: "
+               "'$JS.API.STREAM.PURGE.KV_qv-av-config'"));
+
+    qvctrl_event_sub_apply_put(config.get(), "qv-test.s", good.c_str());
+    ASSERT_EQ(config->event_workers_list.size(), 1u);
+    // A value with an invalid pattern list changes nothing, whichever member holds it.
+    for (const char* bad : {R"({"realmID": "r 1"})", R"({"SID": "a\r\nb"})",
+                            R"({"Hostname": "h\u0000x"})", R"({"Modules": {"a": 1}})"}) {
+        qvctrl_event_sub_apply_put(config.get(), "qv-test.s", bad);
+        qvctrl_event_sub_apply_put(config.get(), "qv-test.new", bad);
+    }
+    ASSERT_EQ(config->event_workers_list.size(), 1u);
+    EXPECT_EQ(config->event_workers_list.front().realm, "r1");
+    EXPECT_TRUE(
+        logged("event-sub: skipping subscription of 'qv-test.s' with an invalid SID "
+               "pattern list: 'a\\r\\nb'"));
+}
+
+TEST_F(HostileRequests, EventMembersAreOnlyMatchedAndShownEscaped) {
+    config->event_workers_list.push_back(
+        {"qv-test.h", "*", "*", "host1", "*", time(nullptr) + 3600});
+    const std::string body =
+        R"({"Command": 501, "Event": {}, "Component": "c\r\nforged", "Hostname": "h\r\nx",)"
+        R"( "realmID": "$JS.API.>", "SID": "a b"})";
+    EXPECT_EQ(call(qv_av_control_event_request_handler, body), kOK);
+    EXPECT_TRUE(
+        logged("Dispatch: event filter Hostname='h\\r\\nx' realmID='$JS.API.>' "
+               "SID='a b' Component='c\\r\\nforged'"));
+    EXPECT_FALSE(logged("\nforged"));
+    EXPECT_FALSE(logged("Event sent to"));
+}
