@@ -2,13 +2,30 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 #include "qv_nats_client.h"
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace {
+
+// Connections closed by a test are released by the library's own threads a moment later; at the
+// end of the test program they must be gone before OpenSSL's exit-time clean-up frees what their
+// TLS contexts still use, as the daemon does at its end.
+struct NatsLibraryTearDown : ::testing::Environment {
+    void TearDown() override { nats_CloseAndWait(5000); }
+};
+// gtest owns registered environments.
+::testing::Environment* const s_nats_teardown =
+    ::testing::AddGlobalTestEnvironment(std::make_unique<NatsLibraryTearDown>().release());
+
+}  // namespace
 
 namespace qvtest {
 
