@@ -29,6 +29,10 @@ bool LogCapture::contains(const std::string& needle) const {
     return text().find(needle) != std::string::npos;
 }
 
+void LogCapture::clear() const {
+    write_file(path_, "");
+}
+
 bool LogCapture::wait_for(const std::string& needle) const {
     return wait_until([&] { return contains(needle); });
 }

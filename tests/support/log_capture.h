@@ -19,6 +19,8 @@ class LogCapture {
     bool contains(const std::string& needle) const;
     // Polls until `needle` shows up in the trace.
     bool wait_for(const std::string& needle) const;
+    // Forgets what was captured so far.
+    void clear() const;
     const std::string& path() const { return path_; }
 
   private:

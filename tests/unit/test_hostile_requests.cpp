@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "log.h"
+#include "log_capture.h"
 #include "qv-av-control-event-dispatcher.h"
 #include "qv_json.h"
 #include "qv_test_util.h"
@@ -38,25 +39,10 @@ const std::string kOK = "{\"ReturnCode\": 0}";
 class HostileRequests : public ::testing::Test {
   protected:
     std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
-    qvtest::TempDir dir;
-    const std::string log_path = dir / "trace.log";
-    const int saved_level = log_get_level();
+    qvtest::LogCapture log;
 
-    void SetUp() override {
-        log_set_quiet(1);
-        log_set_filename(log_path.c_str());
-        log_set_level(QVLOG_TRACE);
-    }
-    void TearDown() override {
-        log_set_filename(nullptr);
-        log_set_level(saved_level);
-        log_set_quiet(0);
-    }
-    std::string trace() const {
-        return qvtest::file_exists(log_path) ? qvtest::read_file(log_path) : "";
-    }
-    bool logged(const std::string& text) const { return trace().find(text) != std::string::npos; }
-    void clear_trace() { qvtest::write_file(log_path, ""); }
+    bool logged(const std::string& text) const { return log.contains(text); }
+    void clear_trace() { log.clear(); }
     std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
         qv_request_reply_t rr;
         rr.request.json_txt = body;
