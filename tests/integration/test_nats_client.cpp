@@ -358,7 +358,7 @@ TEST_F(ServiceFixture, AThousandConcurrentRequestsFromFourClientsAreAllAnswered)
             }
             NatsPeer::Batch batch = peers[c]->send(requests);
             sent.count_down();
-            replies[c] = peers[c]->collect(batch, 60s);
+            replies[c] = peers[c]->collect(batch, 30s);
         });
     }
     // All requests have reached the service's connection before any handler may run, so the
