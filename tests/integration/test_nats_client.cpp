@@ -541,3 +541,21 @@ TEST_F(ServiceFixture, InvalidSubjectsAreRefusedBeforeAnythingIsSent) {
     EXPECT_EQ(ping(config.get()), 0);
     EXPECT_EQ(config->_handler_threads.load(), 1);
 }
+
+TEST_F(ServiceFixture, AConnectionRebuiltWhileTheServerIsAwayServesOnceItIsBack) {
+    ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler), 0);
+    natsConnection_Close(qv_nats_connection(config.get()).get());
+    server.stop();
+    // The new connection keeps trying in the background; its services are subscribed already.
+    EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
+    ASSERT_TRUE(qv_nats_connection(config.get()));
+    EXPECT_FALSE(natsConnection_IsClosed(qv_nats_connection(config.get()).get()));
+    ASSERT_TRUE(server.start());
+    qv_nats_config* requester = connect_another();
+    EXPECT_TRUE(qvtest::wait_until([&] { return ping(requester, 500) == 0; }));
+    EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
+    EXPECT_EQ(ping(requester), 0);
+    // Closing it on purpose ends its handler threads, without the stop flag.
+    qv_nats_deinit(config.get());
+    EXPECT_EQ(config->_handler_threads.load(), 0);
+}
