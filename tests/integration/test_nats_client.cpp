@@ -124,10 +124,14 @@ struct ServiceFixture : ::testing::Test {
         EXPECT_EQ(qv_nats_init(others.back().get()), 0);
         return others.back().get();
     }
+    // Starts the service; the server knows its subscription when this returns.
     int serve(const char* service, qv_service_handler_t handler, void* context = nullptr,
               int threads = 1) {
-        return qv_nats_start_service_handler_threads(config.get(), service, handler, context, &stop,
-                                                     threads);
+        const int rc = qv_nats_start_service_handler_threads(config.get(), service, handler,
+                                                             context, &stop, threads);
+        EXPECT_EQ(natsConnection_FlushTimeout(qv_nats_connection(config.get()).get(), 10000),
+                  NATS_OK);
+        return rc;
     }
 };
 

@@ -362,6 +362,7 @@ TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
     ASSERT_EQ(qv_nats_start_service_handler_threads(serving.get(), "qv-test.staged", counting_probe,
                                                     nullptr, &stop, 2),
               0);
+    ASSERT_EQ(natsConnection_Flush(qv_nats_connection(serving.get()).get()), NATS_OK);
     const std::shared_ptr<kvStore> kv = get_kvstore(cfg.get());
     ASSERT_TRUE(kv);
     auto put_raw = [&](const std::string& key, const std::string& value) {

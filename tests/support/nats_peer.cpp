@@ -119,6 +119,9 @@ void NatsPeer::watch_everything() {
 std::vector<std::string> NatsPeer::watched_until(const std::string& marker,
                                                  std::chrono::milliseconds timeout) {
     std::vector<std::string> seen;
+    if (!watch_) {
+        ADD_FAILURE() << "nothing is watched";
+    }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (watch_) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
