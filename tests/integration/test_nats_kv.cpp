@@ -1,15 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <barrier>
 #include <map>
 #include <thread>
 
+#include "log_capture.h"
+#include "nats_peer.h"
 #include "nats_server.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
 #include "qv_nats_kv.h"
 
+using qvtest::NatsPeer;
 using qvtest::NatsServer;
+using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 namespace {
 
@@ -52,6 +58,33 @@ int payload_probe(void*, qv_const_request_reply_t* rr) {
         ", \"Leaked\": " + (leaked_key ? "true" : "false") + ", \"Key\": \"" +
         rr->request->staged_data_key + "\"}";
     return 0;
+}
+
+std::atomic<int> s_probe_calls{0};
+int counting_probe(void* context, qv_const_request_reply_t* rr) {
+    s_probe_calls++;
+    return payload_probe(context, rr);
+}
+
+size_t count_of(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// The value of `header` on the last message stored for `key` in `bucket`; "<none>" without one.
+std::string stored_header(qv_nats_config* cfg, const std::string& bucket, const std::string& key,
+                          const char* header) {
+    natsMsg* raw = nullptr;
+    if (js_GetLastMsg(&raw, cfg->_js.get(), ("KV_" + bucket).c_str(),
+                      ("$KV." + bucket + "." + key).c_str(), nullptr, nullptr) != NATS_OK) {
+        return "<no message>";
+    }
+    qv::nats_msg_ptr msg(raw);
+    const char* value = nullptr;
+    return natsMsgHeader_Get(raw, header, &value) == NATS_OK ? value : "<none>";
 }
 
 }  // namespace
@@ -267,4 +300,210 @@ TEST_F(KvFixture, MissingStagedPayloadFailsClosed) {
               "{\"ReturnCode\":-1000,\"Error\":\"Scan data unavailable: staged payload could not "
               "be retrieved from the KV store\"}");
     EXPECT_EQ(calls.load(), 0);
+}
+
+TEST_F(KvFixture, TwoContendersNeverBothHoldALease) {
+    auto other = server.client_config();
+    ASSERT_EQ(qv_nats_init(other.get()), 0);
+    constexpr int kKeys = 100;
+    auto key = [](int i) { return "lease." + std::to_string(i); };
+    // Both contenders ask for each key at the same moment.
+    auto race = [&](std::vector<int>* a, std::vector<int>* b) {
+        std::barrier sync(2);
+        auto contender = [&](qv_nats_config* c, const char* owner, std::vector<int>* out) {
+            return std::thread([&sync, &key, c, owner, out] {
+                for (int i = 0; i < kKeys; ++i) {
+                    sync.arrive_and_wait();
+                    (*out)[i] =
+                        qv_nats_kv_lease(c, QV_KV_CONFIG_BUCKET, key(i).c_str(), owner, 30000);
+                }
+            });
+        };
+        a->assign(kKeys, -2);
+        b->assign(kKeys, -2);
+        std::thread ta = contender(cfg.get(), "a", a);
+        std::thread tb = contender(other.get(), "b", b);
+        ta.join();
+        tb.join();
+    };
+    auto check_one_holder = [&](const std::vector<int>& a, const std::vector<int>& b) {
+        for (int i = 0; i < kKeys; ++i) {
+            ASSERT_TRUE((a[i] == 1 && b[i] == 0) || (a[i] == 0 && b[i] == 1))
+                << key(i) << ": a=" << a[i] << " b=" << b[i];
+            EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, key(i)), a[i] == 1 ? "a" : "b");
+        }
+    };
+    std::vector<int> a;
+    std::vector<int> b;
+    race(&a, &b);
+    check_one_holder(a, b);
+    for (int i = 0; i < kKeys; ++i) {
+        // The holder renews; the other stays out.
+        qv_nats_config* holder = a[i] == 1 ? cfg.get() : other.get();
+        qv_nats_config* loser = a[i] == 1 ? other.get() : cfg.get();
+        EXPECT_EQ(
+            qv_nats_kv_lease(holder, QV_KV_CONFIG_BUCKET, key(i).c_str(), a[i] ? "a" : "b", 30000),
+            1);
+        EXPECT_EQ(
+            qv_nats_kv_lease(loser, QV_KV_CONFIG_BUCKET, key(i).c_str(), a[i] ? "b" : "a", 30000),
+            0);
+        qv_nats_kv_delete(cfg.get(), QV_KV_CONFIG_BUCKET, key(i).c_str());
+    }
+    // A released lease can be taken again, still by one contender only.
+    race(&a, &b);
+    check_one_holder(a, b);
+    qv_nats_deinit(other.get());
+}
+
+TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
+    auto serving = server.client_config();
+    serving->max_staged_payload = 2 * QV_KV_CHUNK_SIZE;
+    ASSERT_EQ(qv_nats_init(serving.get()), 0);
+    ASSERT_EQ(qv_nats_start_service_handler_threads(serving.get(), "qv-test.staged", counting_probe,
+                                                    nullptr, &stop, 2),
+              0);
+    ASSERT_EQ(natsConnection_Flush(qv_nats_connection(serving.get()).get()), NATS_OK);
+    const std::shared_ptr<kvStore> kv = get_kvstore(cfg.get());
+    ASSERT_TRUE(kv);
+    auto put_raw = [&](const std::string& key, const std::string& value) {
+        uint64_t rev = 0;
+        EXPECT_EQ(kvStore_PutString(&rev, kv.get(), key.c_str(), value.c_str()), NATS_OK) << key;
+    };
+    auto request = [&](const std::string& body) {
+        std::string err;
+        qv::json_ptr reply =
+            qv_nats_send_recv_json(cfg.get(), "qv-test.staged", body.c_str(), 10000, 0, &err);
+        return reply ? qv_json_to_string(reply.get()) : err;
+    };
+    auto staged = [&](const std::string& key) {
+        return request("{\"Command\": 101, \"_kv_key\": \"" + key + "\"}");
+    };
+    auto size_of_reply = [](const std::string& reply) -> int64_t {
+        qv::json_ptr obj = qv_json_parse(reply);
+        json_object* size = nullptr;
+        return obj && json_object_object_get_ex(obj.get(), "Size", &size)
+                   ? json_object_get_int64(size)
+                   : -1;
+    };
+    const std::string unavailable =
+        "{\"ReturnCode\":-1000,\"Error\":\"Scan data unavailable: staged payload could not be "
+        "retrieved from the KV store\"}";
+
+    // Manifests whose chunk count cannot hold their size, or holds far more.
+    put_raw("huge", "{\"chunks\": 0, \"size\": 2000000000}");
+    put_raw("many", "{\"chunks\":3,\"size\":10}");
+    put_raw("many-0", "0123456789");
+    put_raw("many-1", "");
+    put_raw("many-2", "");
+    put_raw("few", "{\"chunks\":1,\"size\":600000}");
+    put_raw("few-0", "abc");
+    put_raw("negative", "{\"chunks\":1,\"size\":-1}");
+    put_raw("negative-0", "x");
+    // Consistent, but larger than this service takes.
+    const auto over = pattern(2 * QV_KV_CHUNK_SIZE + 1);
+    ASSERT_EQ(kvstore_put_chunked(cfg.get(), "over", over.data(), over.size(), 0), 0);
+    for (const char* key : {"huge", "many", "few", "negative", "over"}) {
+        EXPECT_EQ(staged(key), unavailable) << key;
+    }
+    EXPECT_EQ(s_probe_calls.load(), 0);
+
+    // The largest payload it takes, and a writer's one spare empty chunk, pass.
+    const auto largest = pattern(2 * QV_KV_CHUNK_SIZE);
+    ASSERT_EQ(kvstore_put_chunked(cfg.get(), "largest", largest.data(), largest.size(), 0), 0);
+    EXPECT_EQ(size_of_reply(staged("largest")), static_cast<int64_t>(largest.size()));
+    put_raw("spare", "{\"chunks\":2,\"size\":5}");
+    put_raw("spare-0", "abcde");
+    put_raw("spare-1", "");
+    EXPECT_EQ(size_of_reply(staged("spare")), 5);
+    EXPECT_EQ(s_probe_calls.load(), 2);
+
+    // Keys that cannot be bucket keys are refused before any lookup.
+    const std::string invalid = "{\"ReturnCode\":-1000,\"Error\":\"Invalid staged payload key\"}";
+    for (const std::string& key_json :
+         {"5"s, "null"s, "{\"k\":1}"s, "[\"k\"]"s, "\"\""s, "\"a b\""s, "\"a\\r\\nb\""s,
+          "\"a\\u0000b\""s, "\"*\""s, "\">\""s, "\"a..b\""s, "\"" + std::string(256, 'k') + "\"",
+          "\"" + std::string(70000, 'k') + "\""}) {
+        EXPECT_EQ(request("{\"Command\": 101, \"_kv_key\": " + key_json + "}"), invalid)
+            << key_json.substr(0, 40);
+    }
+    EXPECT_EQ(s_probe_calls.load(), 2);
+    // A well-formed key of the longest length is looked up (and not found).
+    EXPECT_EQ(staged(std::string(255, 'k')), unavailable);
+    // The serving connection stayed up and goes on answering.
+    EXPECT_EQ(natsConnection_Status(qv_nats_connection(serving.get()).get()),
+              NATS_CONN_STATUS_CONNECTED);
+    EXPECT_EQ(size_of_reply(request("{\"Command\": 101}")), 0);
+    EXPECT_EQ(s_probe_calls.load(), 3);
+    qv_nats_deinit(serving.get());
+}
+
+TEST_F(KvFixture, InvalidKeysAreRefusedBeforeAnythingIsSent) {
+    // Every bucket below is bound first: binding talks to the server by itself.
+    const auto data = pattern(3);
+    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, "bound", "v", 0), 0);
+    ASSERT_EQ(qv_nats_registry_put(cfg.get(), "bound", "{}", 0), 0);
+    ASSERT_EQ(kvstore_put_chunked(cfg.get(), "bound", data.data(), data.size(), 0), 0);
+    NatsPeer peer(server.url());
+    ASSERT_TRUE(peer.connected());
+    peer.watch_everything();
+
+    for (const std::string& key :
+         {""s, "a b"s, "*"s, ">"s, "a.*"s, "k>"s, ".a"s, "a."s, "a..b"s, "$k"s, "tab\tkey"s,
+          "a\r\nPUB $KV.qv-av-config.x 0\r\n"s, std::string(1025, 'k')}) {
+        const char* k = key.c_str();
+        std::string value;
+        std::vector<unsigned char> out;
+        EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, k, "v", 0), -1);
+        EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, k, "v", 5000), -1);
+        EXPECT_EQ(qv_nats_kv_get(cfg.get(), QV_KV_CONFIG_BUCKET, k, &value), -1);
+        qv_nats_kv_delete(cfg.get(), QV_KV_CONFIG_BUCKET, k);
+        EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, k, "me", 5000), -1);
+        EXPECT_EQ(qv_nats_registry_put(cfg.get(), k, "{}", 0), -1);
+        qv_nats_registry_delete(cfg.get(), k);
+        EXPECT_EQ(kvstore_put_chunked(cfg.get(), k, data.data(), data.size(), 0), -1);
+        EXPECT_EQ(kvstore_get_chunked(cfg.get(), k, &out), -1);
+        kvstore_delete_chunked(cfg.get(), k);
+    }
+    natsConnection_Publish(qv_nats_connection(cfg.get()).get(), "qv-test.marker", "", 0);
+    natsConnection_Flush(qv_nats_connection(cfg.get()).get());
+    EXPECT_EQ(peer.watched_until("qv-test.marker", 10s), std::vector<std::string>{});
+    EXPECT_EQ(natsConnection_Status(qv_nats_connection(cfg.get()).get()),
+              NATS_CONN_STATUS_CONNECTED);
+
+    // The longest key the layer takes goes through.
+    const std::string longest(1024, 'k');
+    EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, longest.c_str(), "long", 0), 0);
+    EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, longest), "long");
+}
+
+TEST_F(KvFixture, TimeToLiveIsTriedAgainOnEveryPutAfterARefusal) {
+    // A bucket whose value limit leaves no room for the time-to-live header: a full-size value
+    // is refused with it and fits without it.
+    kvConfig c;
+    kvConfig_Init(&c);
+    c.Bucket = "qv-test-ttl";
+    c.MaxValueSize = 128;
+    kvStore* raw = nullptr;
+    ASSERT_EQ(js_CreateKeyValue(&raw, cfg->_js.get(), &c), NATS_OK);
+    kvStore_Destroy(raw);
+    qvtest::LogCapture log;
+
+    const std::string full(120, 'f');
+    EXPECT_EQ(qv_nats_kv_put(cfg.get(), "qv-test-ttl", "full", full.c_str(), 5000), 0);
+    EXPECT_EQ(raw_get("qv-test-ttl", "full"), full);
+    EXPECT_EQ(stored_header(cfg.get(), "qv-test-ttl", "full", "Nats-TTL"), "<none>");
+    EXPECT_TRUE(log.contains("NATS: per-message TTL write for 'full' rejected"));
+
+    // Later puts carry their time-to-live again, in this bucket and in others.
+    EXPECT_EQ(qv_nats_kv_put(cfg.get(), "qv-test-ttl", "small", "s", 5000), 0);
+    EXPECT_EQ(stored_header(cfg.get(), "qv-test-ttl", "small", "Nats-TTL"), "5000ms");
+    EXPECT_EQ(qv_nats_registry_put(cfg.get(), "worker.ttl", "{}", 0), 0);
+    EXPECT_EQ(stored_header(cfg.get(), QV_KV_REGISTRY_BUCKET, "worker.ttl", "Nats-TTL"), "15000ms");
+    const auto data = pattern(10);
+    ASSERT_EQ(kvstore_put_chunked(cfg.get(), "chunked-ttl", data.data(), data.size(), 7000), 0);
+    EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "chunked-ttl", "Nats-TTL"),
+              "7000ms");
+    EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "chunked-ttl-0", "Nats-TTL"),
+              "7000ms");
+    EXPECT_EQ(count_of(log.text(), "per-message TTL write"), 1u);
 }

@@ -133,6 +133,13 @@ void NatsServer::stop() {
     pid_ = -1;
 }
 
+std::unique_ptr<qv_nats_config> NatsServer::client_config() const {
+    auto cfg = qv_nats_config_new();
+    cfg->server_url = url();
+    cfg->cert_path = test_certificates().ca_cert;
+    return cfg;
+}
+
 int NatsServer::create_buckets(const qv_kv_bucket_ages& ages, const std::string& user,
                                const std::string& password) {
     auto cfg = qv_nats_config_new();

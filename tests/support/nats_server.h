@@ -43,6 +43,8 @@ class NatsServer {
     // nats://127.0.0.1:port, or tls://localhost:port with TLS.
     std::string url() const;
     const std::string& store_dir() const { return store_; }
+    // A connection record for this server, not yet connected: its URL and the test CA.
+    std::unique_ptr<qv_nats_config> client_config() const;
 
     // Creates the four buckets of the daemon, as the broker's set-up would. 0 or -1.
     int create_buckets(const qv_kv_bucket_ages& ages = {}, const std::string& user = "",

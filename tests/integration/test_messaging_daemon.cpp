@@ -1,0 +1,248 @@
+// The real daemon under messaging stress: a minute without nats-server, bursts of concurrent
+// requests, and an event for thousands of handlers that never answer. Every service keeps
+// answering through all of it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <latch>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "daemon_process.h"
+#include "nats_peer.h"
+#include "nats_server.h"
+#include "qv_json.h"
+#include "qv_nats_client.h"
+
+using qvtest::DaemonProcess;
+using qvtest::NatsPeer;
+using qvtest::NatsServer;
+using namespace std::chrono_literals;
+using clock_type = std::chrono::steady_clock;
+
+namespace {
+
+struct Client {
+    std::unique_ptr<qv_nats_config> config;
+    explicit Client(const NatsServer& server) : config(server.client_config()) {
+        EXPECT_EQ(qv_nats_init(config.get()), 0);
+    }
+    ~Client() { qv_nats_deinit(config.get()); }
+    // The "ReturnCode" of the reply; -1 without a reply.
+    int request(const char* service, const std::string& body, std::chrono::milliseconds timeout) {
+        return qv_nats_simple_request(config.get(), service, body.c_str(),
+                                      static_cast<uint32_t>(timeout.count()), 0, nullptr);
+    }
+    int ping() { return request("qv-av-control.ping", "{\"Command\": 3}", 2s); }
+};
+
+// The "ReturnCode" of a reply text; -1 when there is none.
+int return_code(const std::string& reply) {
+    qv::json_ptr obj = qv_json_parse(reply);
+    json_object* rc = nullptr;
+    return obj && json_object_is_type(obj.get(), json_type_object) &&
+                   json_object_object_get_ex(obj.get(), "ReturnCode", &rc)
+               ? json_object_get_int(rc)
+               : -1;
+}
+
+struct ServiceProbe {
+    const char* service;
+    std::string request;
+    int return_code;
+};
+
+// One request per service the daemon offers, with the code its answer carries.
+const std::vector<ServiceProbe>& every_service() {
+    static const std::vector<ServiceProbe> probes = {
+        {"qv-av-control.ping", "{\"Command\": 3}", 0},
+        {"qv-av-worker-control", "{\"Command\": 3}", 0},
+        {"qv-av-control", "{\"Command\": 3}", 0},
+        {"qv-av-events-dispatch",
+         "{\"Command\": 501, \"Component\": \"qv-av-trellix\", \"Event\": {\"Type\": \"x\"}}", 0},
+        {"qv-av-log",
+         "{\"LogVersion\": 1, \"Timestamp\": \"2024-03-01 12:00:07\", \"Component\": "
+         "\"qv-av-control\", \"Hostname\": \"node7\", \"EventID\": \"e-1\", \"realmID\": \"r1\", "
+         "\"ErrorLog\": {\"LogData\": {\"Message\": \"back\"}}}",
+         0},
+        // No EPO log was written.
+        {"qv-av-epolog", "{\"Command\": 400}", 301},
+    };
+    return probes;
+}
+
+// Asks the service until its answer comes or `deadline` passes.
+bool answers_by(Client& client, const ServiceProbe& probe, clock_type::time_point deadline) {
+    while (true) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
+        if (left <= 0ms) {
+            return false;
+        }
+        if (client.request(probe.service, probe.request,
+                           std::min<std::chrono::milliseconds>(left, 1000ms)) ==
+            probe.return_code) {
+            return true;
+        }
+    }
+}
+
+void configure(DaemonProcess& d, const NatsServer& server) {
+    d.use_nats(server.url());
+    for (const char* kind : {"SCAN", "EPO", "ERROR"}) {
+        d.control_keys[std::string(kind) + "_LOG_BASEDIR"] = d.basedir() + "/logs";
+    }
+}
+
+}  // namespace
+
+TEST(DaemonMessaging, AnswersOnEveryServiceSoonAfterAMinuteWithoutNats) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(server.create_buckets(), 0);
+    DaemonProcess d;
+    configure(d, server);
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    {
+        Client client(server);
+        for (const ServiceProbe& probe : every_service()) {
+            EXPECT_TRUE(answers_by(client, probe, clock_type::now() + 20s)) << probe.service;
+        }
+    }
+
+    server.stop();
+    ASSERT_TRUE(d.wait_for_log("connection lost"));
+    // A minute without nats-server, on the same port and store afterwards. The daemon stays up
+    // all along.
+    EXPECT_FALSE(qvtest::wait_until([&] { return !d.running(); }, 60s));
+    ASSERT_TRUE(server.start());
+    const auto back = clock_type::now();
+    Client client(server);
+    for (const ServiceProbe& probe : every_service()) {
+        EXPECT_TRUE(answers_by(client, probe, back + 10s)) << probe.service;
+    }
+    RecordProperty("all_answered_after_ms",
+                   static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        clock_type::now() - back)
+                                        .count()));
+    // The library itself never gave up on the connection.
+    EXPECT_EQ(d.logs().find("NATS: connection closed"), std::string::npos);
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonMessaging, AThousandConcurrentPingsFromFourClientsAreAllAnswered) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(server.create_buckets(), 0);
+    DaemonProcess d;
+    configure(d, server);
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    {
+        Client client(server);
+        ASSERT_TRUE(qvtest::wait_until([&] { return client.ping() == 0; }));
+    }
+    constexpr int kClients = 4;
+    constexpr int kPerClient = 250;
+    for (const char* service : {"qv-av-control.ping", "qv-av-worker-control"}) {
+        std::vector<std::unique_ptr<NatsPeer>> peers;
+        for (int c = 0; c < kClients; ++c) {
+            peers.push_back(std::make_unique<NatsPeer>(server.url()));
+            ASSERT_TRUE(peers.back()->connected());
+        }
+        const std::vector<NatsPeer::Request> requests(kPerClient, {service, "{\"Command\": 3}"});
+        std::latch ready(kClients);
+        std::vector<std::vector<std::string>> replies(kClients);
+        std::vector<std::thread> clients;
+        for (int c = 0; c < kClients; ++c) {
+            clients.emplace_back([&, c] {
+                ready.arrive_and_wait();
+                replies[c] = peers[c]->request_all(requests, 15s);
+            });
+        }
+        for (std::thread& t : clients) {
+            t.join();
+        }
+        int answered = 0;
+        for (const auto& client_replies : replies) {
+            for (const std::string& reply : client_replies) {
+                answered += return_code(reply) == 0 ? 1 : 0;
+            }
+        }
+        EXPECT_EQ(answered, kClients * kPerClient) << service;
+    }
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonMessaging, AnEventForTwoThousandSilentHandlersIsAnsweredInTime) {
+    NatsServer server;
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(server.create_buckets(), 0);
+    DaemonProcess d;
+    configure(d, server);
+    d.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "0";
+    d.write_config();
+    ASSERT_TRUE(d.start());
+    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+
+    NatsPeer handlers(server.url());
+    ASSERT_TRUE(handlers.connected());
+    std::vector<std::string> subjects;
+    std::vector<NatsPeer::Request> subscriptions;
+    for (int i = 0; i < 2000; ++i) {
+        subjects.push_back("qv-test.silent." + std::to_string(i));
+        subscriptions.emplace_back("qv-av-events-dispatch",
+                                   "{\"Command\": 500, \"Service\": \"" + subjects.back() +
+                                       "\", \"realmID\": \"*\", \"SID\": \"*\", \"Hostname\": "
+                                       "\"*\", \"Modules\": \"qv-test-module\"}");
+    }
+    handlers.subscribe_silently(subjects);
+    for (const std::string& reply : handlers.request_all(subscriptions, 60s)) {
+        ASSERT_EQ(return_code(reply), 0) << reply;
+    }
+
+    Client events(server);
+    Client pinger(server);
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    int event_reply = 1;
+    std::thread event([&] {
+        // Answered within the request's time-out or not at all.
+        const int rc = events.request(
+            "qv-av-events-dispatch",
+            "{\"Command\": 501, \"Component\": \"qv-test-module\", \"Event\": {\"Type\": \"x\"}}",
+            15s);
+        std::lock_guard<std::mutex> lock(mutex);
+        event_reply = rc;
+        done = true;
+        cv.notify_all();
+    });
+    int answered = 0;
+    int failed = 0;
+    while (true) {
+        (pinger.ping() == 0 ? answered : failed)++;
+        std::unique_lock<std::mutex> lock(mutex);
+        if (cv.wait_for(lock, 200ms, [&] { return done; })) {
+            break;
+        }
+    }
+    event.join();
+    // No handler answered: the event failed, and said so in time.
+    EXPECT_EQ(event_reply, -1000);
+    EXPECT_EQ(failed, 0);
+    EXPECT_GE(answered, 5);
+    int reached = 0;
+    for (int n : handlers.pending()) {
+        reached += n > 0 ? 1 : 0;
+    }
+    EXPECT_EQ(reached, 2000);
+    EXPECT_EQ(d.stop(), 0);
+}
