@@ -100,7 +100,7 @@ std::string qvhlp_unix_path_normalize(std::string_view path) {
         out.append(part.data(), part.size());
     }
     if (out.empty()) {
-        out = absolute ? "/" : ".";
+        out.push_back(absolute ? '/' : '.');
     }
     return out;
 }
