@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "log.h"
@@ -32,6 +33,21 @@ qv::json_ptr qv_json_parse(std::string_view text, const char** error) {
                                                          : json_tokener_error_desc(jerr);
         }
         return nullptr;
+    }
+    return obj;
+}
+
+qv::json_ptr qv_json_parse_object(std::string_view text, const char** error) {
+    const char* perr = nullptr;
+    qv::json_ptr obj = qv_json_parse(text, &perr);
+    // json-c reads "null" as a success without an object.
+    if ((obj && !json_object_is_type(obj.get(), json_type_object)) ||
+        (!obj && perr != nullptr && strcmp(perr, "success") == 0)) {
+        obj.reset();
+        perr = "not a JSON object";
+    }
+    if (!obj && error != nullptr) {
+        *error = perr;
     }
     return obj;
 }

@@ -8,6 +8,9 @@
 
 // Parses a whole text; null on failure, with the tokener's error text in *error when given.
 qv::json_ptr qv_json_parse(std::string_view text, const char** error = nullptr);
+// As qv_json_parse, for a request: anything but an object ("null" included) is refused with the
+// error text "not a JSON object".
+qv::json_ptr qv_json_parse_object(std::string_view text, const char** error = nullptr);
 // A required string member: a missing (or non-string) member logs "Failed to read %s from
 // JSON", an empty or null one "Key %s found, but value is empty"; both give null, and the logged
 // text goes to *reason when given (for error replies that repeat it).

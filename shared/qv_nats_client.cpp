@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -669,6 +671,45 @@ struct s_fanout_target {
     std::chrono::steady_clock::time_point deadline;
 };
 
+// The replies of one fan-out. They arrive through an asynchronous subscription: a synchronous
+// one turns a no-responders answer into a bare status and drops the message, and with it the
+// subject it was for.
+struct s_reply_queue {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::deque<qv::nats_msg_ptr> msgs;
+    bool complete = false;  // no callback runs any more
+};
+
+void s_on_fanout_reply(natsConnection* /*nc*/, natsSubscription* /*sub*/, natsMsg* msg,
+                       void* closure) {
+    auto* queue = static_cast<s_reply_queue*>(closure);
+    {
+        std::lock_guard<std::mutex> guard(queue->mutex);
+        queue->msgs.emplace_back(msg);
+    }
+    queue->arrived.notify_one();
+}
+
+void s_on_fanout_complete(void* closure) {
+    auto* queue = static_cast<s_reply_queue*>(closure);
+    {
+        std::lock_guard<std::mutex> guard(queue->mutex);
+        queue->complete = true;
+    }
+    queue->arrived.notify_all();
+}
+
+// Ends the subscription and waits until its callbacks are done with the queue.
+void s_end_fanout(natsSubscription* sub, s_reply_queue* queue) {
+    if (natsSubscription_Unsubscribe(sub) != NATS_OK) {
+        // Without a running subscription no callback is pending either.
+        return;
+    }
+    std::unique_lock<std::mutex> guard(queue->mutex);
+    queue->arrived.wait_for(guard, std::chrono::seconds(5), [queue] { return queue->complete; });
+}
+
 }  // namespace
 
 std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
@@ -689,14 +730,17 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
     }
     const std::string prefix = inbox;
     natsInbox_Destroy(inbox);
+    s_reply_queue queue;
     natsSubscription* raw_sub = nullptr;
-    natsStatus s = natsConnection_SubscribeSync(&raw_sub, conn.get(), (prefix + ".*").c_str());
+    natsStatus s = natsConnection_Subscribe(&raw_sub, conn.get(), (prefix + ".*").c_str(),
+                                            s_on_fanout_reply, &queue);
     qv::nats_subscription_ptr sub(raw_sub);
     if (s != NATS_OK) {
         log_error("NATS: failed to subscribe to '%s': %s", prefix.c_str(), natsStatus_GetText(s));
         return results;
     }
     natsSubscription_SetPendingLimits(sub.get(), -1, -1);
+    natsSubscription_SetOnCompleteCB(sub.get(), s_on_fanout_complete, &queue);
     log_trace("NATS: sending request to %zu subject(s) (timeout: %ums, attempts: %d):\n%s",
               subjects.size(), timeout_ms, attempts, request_json_txt.c_str());
 
@@ -764,16 +808,15 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
         if (open == 0) {
             break;
         }
-        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now);
-        natsMsg* raw = nullptr;
-        s = natsSubscription_NextMsg(&raw, sub.get(), std::max<int64_t>(1, wait.count()));
-        qv::nats_msg_ptr msg(raw);
-        if (s == NATS_TIMEOUT || s == NATS_SLOW_CONSUMER) {
-            continue;
-        }
-        if (s != NATS_OK) {
-            log_error("NATS: waiting for replies failed: %s", natsStatus_GetText(s));
-            break;
+        qv::nats_msg_ptr msg;
+        {
+            std::unique_lock<std::mutex> guard(queue.mutex);
+            queue.arrived.wait_until(guard, wake, [&queue] { return !queue.msgs.empty(); });
+            if (queue.msgs.empty()) {
+                continue;
+            }
+            msg = std::move(queue.msgs.front());
+            queue.msgs.pop_front();
         }
         const char* subject = natsMsg_GetSubject(msg.get());
         const char* dot = subject != nullptr ? strrchr(subject, '.') : nullptr;
@@ -800,6 +843,7 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
         t.done = true;
         open--;
     }
+    s_end_fanout(sub.get(), &queue);
     return results;
 }
 

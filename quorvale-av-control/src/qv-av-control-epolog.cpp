@@ -14,6 +14,7 @@
 #include "log.h"
 #include "qv_handles.h"
 #include "qv_json.h"
+#include "qvctrl_worker_request_handlers.h"
 #include "qvhlp_replies.h"
 
 namespace {
@@ -122,21 +123,8 @@ std::string s_handle_get_log_request(quorvale_control_config_t* config) {
 }
 
 int s_handle_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
-    const char* parse_error = nullptr;
-    qv::json_ptr request = qv_json_parse(rr->request->json_txt, &parse_error);
-    // json-c reads "null" as success without an object.
-    if ((request && !json_object_is_type(request.get(), json_type_object)) ||
-        (!request && strcmp(parse_error, "success") == 0)) {
-        // A request is always an object: anything else is as undecodable as broken text.
-        request.reset();
-        parse_error = "not a JSON object";
-    }
+    qv::json_ptr request = qvctrl_decode_request(rr->request->json_txt);
     if (!request) {
-        if (strcmp(parse_error, "Failed to create JSON tokener") == 0) {
-            log_error("Failed to create JSON tokener");
-        } else {
-            log_error("Failed to parse JSON. Errorcode: %s. JSON: \n", parse_error);
-        }
         return -1;
     }
     const int command = qv_json_get_command(request.get(), 0);

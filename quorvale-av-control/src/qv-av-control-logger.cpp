@@ -585,14 +585,7 @@ int s_refuse(qv_const_request_reply_t* rr, const std::string& text) {
 
 int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
     const char* parse_error = nullptr;
-    qv::json_ptr message = qv_json_parse(rr->request->json_txt, &parse_error);
-    // json-c reads "null" as success without an object.
-    if ((message && !json_object_is_type(message.get(), json_type_object)) ||
-        (!message && strcmp(parse_error, "success") == 0)) {
-        // A log message is always an object: anything else is as undecodable as broken text.
-        message.reset();
-        parse_error = "not a JSON object";
-    }
+    qv::json_ptr message = qv_json_parse_object(rr->request->json_txt, &parse_error);
     if (!message) {
         std::string reason;
         if (strcmp(parse_error, "Failed to create JSON tokener") == 0) {

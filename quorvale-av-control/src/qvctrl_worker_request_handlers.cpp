@@ -16,7 +16,7 @@
 
 qv::json_ptr qvctrl_decode_request(const std::string& text) {
     const char* error = nullptr;
-    qv::json_ptr request = qv_json_parse(text, &error);
+    qv::json_ptr request = qv_json_parse_object(text, &error);
     if (!request) {
         if (error != nullptr && strcmp(error, "Failed to create JSON tokener") == 0) {
             log_error("Failed to create JSON tokener");
@@ -25,12 +25,6 @@ qv::json_ptr qvctrl_decode_request(const std::string& text) {
             log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
                       error != nullptr ? error : "unknown");
         }
-        return nullptr;
-    }
-    // A request is always an object: anything else is treated like text that does not parse.
-    if (!json_object_is_type(request.get(), json_type_object)) {
-        log_error("Failed to parse JSON. Errorcode: %s. JSON: \n", "not a JSON object");
-        return nullptr;
     }
     return request;
 }

@@ -506,6 +506,20 @@ TEST_F(ServiceFixture, FanOutResultsFollowTheSubjectsInOrder) {
     EXPECT_EQ(qv_nats_simple_request(config.get(), "qv-test.seven", "{}", 2000, 0, nullptr), 7);
 }
 
+TEST_F(ServiceFixture, FanOutRetriesASubjectWithoutRespondersUnderTheBackOff) {
+    // A subject with nobody behind it yet must neither end the whole fan-out nor fail at once:
+    // like a single request it is retried under the back-off, and reached once its service is up.
+    ASSERT_EQ(serve("qv-test.zero", echo_handler), 0);
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        serve("qv-test.late", seven_handler);
+    });
+    const std::vector<int> results = qv_nats_simple_request_all(
+        config.get(), {"qv-test.nobody", "qv-test.late", "qv-test.zero"}, "{}", 4000, 3);
+    late.join();
+    EXPECT_EQ(results, (std::vector<int>{-1, 7, 0}));
+}
+
 TEST_F(ServiceFixture, InvalidSubjectsAreRefusedBeforeAnythingIsSent) {
     ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler), 0);
     NatsPeer peer(server.url());
