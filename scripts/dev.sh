@@ -37,14 +37,22 @@ cmd_test() {
   echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
   build "$repo/build-asan" -DQV_SANITIZE=address,undefined -DQV_BUILD_BENCH=OFF
   echo "== all tests (ASan+UBSan)"
-  ctest --test-dir "$repo/build-asan" -j"$jobs" --output-on-failure --timeout 300
+  ctest --test-dir "$repo/build-asan" -j"$jobs" --output-on-failure --timeout 300 |
+    tee "$repo/build-asan/ctest.log"
   echo "== build with ThreadSanitizer"
   build "$repo/build-tsan" -DQV_SANITIZE=thread -DQV_BUILD_BENCH=OFF
   echo "== threaded tests (TSan)"
   TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$repo/tests/tsan.supp} \
     ctest --test-dir "$repo/build-tsan" -j"$jobs" --output-on-failure --timeout 300 \
-      -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|LogArchive|EventService|RegistryWithBroker|Registry|PollerLock|HostileRequests|HostileRegistryEntries|HostileSubscriptionEntries|DaemonMessaging)\.'
+      -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|LogArchive|EventService|RegistryWithBroker|Registry|PollerLock|HostileRequests|HostileRegistryEntries|HostileSubscriptionEntries|DaemonMessaging)\.' |
+    tee "$repo/build-tsan/ctest.log"
   fuzz
+  # One closing line over the three stages (reached only when all of them passed).
+  local asan tsan fuzzed
+  asan=$(sed -n 's/.*tests failed out of \([0-9]*\).*/\1/p' "$repo/build-asan/ctest.log")
+  tsan=$(sed -n 's/.*tests failed out of \([0-9]*\).*/\1/p' "$repo/build-tsan/ctest.log")
+  fuzzed=$(ls "$repo"/fuzz/fuzz_*.cpp | wc -l)
+  echo "$((${asan:-0} + ${tsan:-0} + fuzzed)) passed, 0 failed"
 }
 
 # Every libFuzzer target for QV_FUZZ_SECONDS (30) seconds from an empty corpus; a crash, a leak

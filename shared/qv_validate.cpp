@@ -4,8 +4,6 @@
 #include <array>
 #include <cstdio>
 
-#include "log.h"
-
 namespace {
 
 bool s_is_key_char(unsigned char c) {
@@ -186,8 +184,4 @@ std::string qv_escape_log_field(std::string_view value) {
         }
     }
     return out;
-}
-
-void qv_log_refused(const char* what, std::string_view value) {
-    log_warn("%s: '%s'", what, qv_escape_for_log(value).c_str());
 }

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#include "log.h"
+
 // Longest value taken from a request where the place it goes to sets no other bound.
 inline constexpr size_t QV_VALUE_MAX = 255;
 // Longest bucket key the messaging layer writes or reads.
@@ -67,5 +69,6 @@ std::string qv_escape_for_log(std::string_view value, size_t max_len = QV_LOG_VA
 // included, and DEL) as "\xNN", so that one field never starts a new line. Other bytes stay.
 std::string qv_escape_log_field(std::string_view value);
 
-// Logs the warning "<what>: '<value escaped and cut>'" for a refused value.
-void qv_log_refused(const char* what, std::string_view value);
+// Logs the warning "<what>: '<value escaped and cut>'" for a refused value, under the caller's
+// function and line.
+#define qv_log_refused(what, value) log_warn("%s: '%s'", (what), qv_escape_for_log(value).c_str())
