@@ -1,5 +1,6 @@
 #include "qvhlp_string.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 
@@ -94,4 +95,15 @@ bool qvhlp_format(std::string* out, const char* format, ...) {
     text.resize(static_cast<size_t>(n));
     *out = std::move(text);
     return true;
+}
+
+std::string_view qvhlp_trim(std::string_view text) {
+    const auto blank = [](char c) { return isspace(static_cast<unsigned char>(c)) != 0; };
+    while (!text.empty() && blank(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && blank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 // Wildcard match of `text` against `pattern`: '*' matches any run of characters (also none), '?'
 // exactly one character, anything else itself. Text and pattern end at their NUL or at
@@ -14,3 +15,6 @@ int qvhlp_WildcardTextMatch(const char* text, const char* pattern, int case_sens
 // printf into a std::string of exactly the needed length. False (and *out untouched) when the
 // format cannot be rendered.
 bool qvhlp_format(std::string* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// `text` without the white space (blank, tab, CR, LF, vertical tab, form feed) at both ends.
+std::string_view qvhlp_trim(std::string_view text);

@@ -9,6 +9,7 @@
 #include "qv_json.h"
 #include "qv_validate.h"
 #include "qvhlp_replies.h"
+#include "qvhlp_string.h"
 
 namespace {
 
@@ -19,16 +20,7 @@ std::string s_normalise_service_name(std::string_view name) {
     for (char& c : lower) {
         c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     }
-    const auto blank = [](char c) { return isspace(static_cast<unsigned char>(c)) != 0; };
-    size_t begin = 0;
-    size_t end = lower.size();
-    while (begin < end && blank(lower[begin])) {
-        ++begin;
-    }
-    while (end > begin && blank(lower[end - 1])) {
-        --end;
-    }
-    return lower.substr(begin, std::min<size_t>(end - begin, QV_VALUE_MAX));
+    return std::string(qvhlp_trim(lower).substr(0, QV_VALUE_MAX));
 }
 
 qv_message_t s_refuse(const char* text, std::string_view value) {
