@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "log_capture.h"
+#include "nats_server.h"
+#include "qv_json.h"
+#include "qv_nats_client.h"
+#include "qv_nats_kv.h"
+#include "qvctrl_config_kv.h"
+
+using qvtest::NatsServer;
+
+namespace {
+
+struct ConfigKv : ::testing::Test {
+    NatsServer server;
+    std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
+
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_EQ(server.create_buckets(), 0);
+        config->main_nats_config = server.client_config();
+        ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
+    }
+    void TearDown() override { qv_nats_deinit(config->main_nats_config.get()); }
+
+    void put(const char* prefix, const char* realm, const char* sid, const std::string& json) {
+        qv::json_ptr object = qv_json_parse(json);
+        ASSERT_TRUE(object);
+        qvctrl_config_kv_put(config.get(), prefix, realm, sid, object.get());
+    }
+    std::string get(const char* prefix, const char* realm, const char* sid) {
+        qv::json_ptr object = qvctrl_config_kv_get(config.get(), prefix, realm, sid);
+        return object ? qv_json_to_string(object.get()) : "(miss)";
+    }
+    std::string raw(const std::string& key) {
+        std::string value;
+        const int rc = qv_nats_kv_get(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET,
+                                      key.c_str(), &value);
+        return rc == 0 ? value : "<" + std::to_string(rc) + ">";
+    }
+};
+
+}  // namespace
+
+TEST_F(ConfigKv, KeysNameTheKindTheRealmAndTheSid) {
+    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", R"({"MAXSIZE": "100"})");
+    put(QVCTRL_CONFIG_PREFIX_AC, "r1", "", R"({"Macros": "block"})");
+    EXPECT_EQ(raw("scan.r1.s1"), R"({"MAXSIZE":"100"})");
+    EXPECT_EQ(raw("ac.r1"), R"({"Macros":"block"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), R"({"MAXSIZE":"100"})");
+    // A null or empty SID reads the realm-wide entry.
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_AC, "r1", nullptr), R"({"Macros":"block"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s2"), "(miss)");
+    qvctrl_config_kv_delete(config.get(), QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), "(miss)");
+}
+
+TEST_F(ConfigKv, OverlongOrInvalidKeysAndCorruptValuesAreMisses) {
+    qvtest::LogCapture log;
+    // 5 + 500 + 1 + 5 = 511 characters still fit; one more does not.
+    const std::string realm(500, 'r');
+    put(QVCTRL_CONFIG_PREFIX_SCAN, realm.c_str(), "sid01", R"({"a": "1"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, realm.c_str(), "sid01"), R"({"a":"1"})");
+    put(QVCTRL_CONFIG_PREFIX_SCAN, realm.c_str(), "sid012", R"({"a": "1"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, realm.c_str(), "sid012"), "(miss)");
+    EXPECT_TRUE(log.contains("config KV: key too long for prefix 'scan.' realm '"));
+    for (const char* bad : {"a b", "r\r\n", "*", ">", "$x", "a..b"}) {
+        put(QVCTRL_CONFIG_PREFIX_SCAN, bad, "s", R"({"a": "1"})");
+        EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, bad, "s"), "(miss)") << bad;
+    }
+    EXPECT_TRUE(log.contains("config KV: invalid key: 'scan.a b.s'"));
+    ASSERT_EQ(qv_nats_kv_put(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET, "scan.r9.s9",
+                             "{not json", 0),
+              0);
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r9", "s9"), "(miss)");
+    EXPECT_TRUE(
+        log.contains("config KV: corrupt JSON stored under key 'scan.r9.s9' — treating as a miss"));
+}
+
+TEST_F(ConfigKv, PrefixDeletionAndRealmSidEnumeration) {
+    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", "{}");
+    put(QVCTRL_CONFIG_PREFIX_AC, "r1", "s1", "{}");
+    put(QVCTRL_CONFIG_PREFIX_MIMEEXT, "r1", "", "{}");
+    put(QVCTRL_CONFIG_PREFIX_MIMEXLAT, "r.2", "s2", "{}");
+    put(QVCTRL_CONFIG_PREFIX_SCAN, "r10", "s3", "{}");
+    ASSERT_EQ(qv_nats_kv_put(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET, "tenant.r1.s1",
+                             "{}", 0),
+              0);
+    std::set<std::pair<std::string, std::string>> pairs;
+    auto collect = [&](const char* realm, const char* sid) { pairs.emplace(realm, sid); };
+    ASSERT_EQ(qvctrl_config_kv_for_each_realm_sid(config.get(), collect), 0);
+    // One pair for r1/s1 over two kinds, none for the realm-wide or foreign keys, and a realm
+    // with a dot is split at its first one.
+    EXPECT_EQ(pairs, (std::set<std::pair<std::string, std::string>>{
+                         {"r1", "s1"}, {"r", "2.s2"}, {"r10", "s3"}}));
+
+    // "scan.r1" takes the scan entries of r1 and of every realm that begins alike.
+    qvctrl_config_kv_delete_prefix(config.get(), "scan.r1");
+    EXPECT_EQ(raw("scan.r1.s1"), "<1>");
+    EXPECT_EQ(raw("scan.r10.s3"), "<1>");
+    EXPECT_EQ(raw("ac.r1.s1"), "{}");
+    qvctrl_config_kv_delete_prefix(config.get(), QVCTRL_CONFIG_PREFIX_AC);
+    pairs.clear();
+    ASSERT_EQ(qvctrl_config_kv_for_each_realm_sid(config.get(), collect), 0);
+    EXPECT_EQ(pairs, (std::set<std::pair<std::string, std::string>>{{"r", "2.s2"}}));
+}
