@@ -120,14 +120,7 @@ struct EventService : ::testing::Test {
         qv_nats_deinit(config->main_nats_config.get());
     }
     std::string call(const std::string& body, int* rc = nullptr) {
-        qv_request_reply_t rr;
-        rr.request.json_txt = body;
-        qv_const_request_reply_t crr{&rr.request, &rr.reply};
-        const int status = qv_av_control_event_request_handler(config.get(), &crr);
-        if (rc != nullptr) {
-            *rc = status;
-        }
-        return rr.reply.json_txt;
+        return qvtest::call_handler(qv_av_control_event_request_handler, config.get(), body, rc);
     }
     std::list<qv_eventhandler_t>& handlers() { return config->event_workers_list; }
     void add_handler(const std::string& service, const std::string& hosts,

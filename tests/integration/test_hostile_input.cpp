@@ -153,6 +153,22 @@ std::vector<std::string> bucket_keys(qv_nats_config* cfg, const char* bucket) {
 }
 
 // The JSON text of a string member.
+// Serves `subject` on `connection`, answering OK and counting the requests in *calls; returns
+// once nats-server knows the subscription.
+void serve_counting(qv_nats_config* connection, const char* subject, std::atomic<int>* calls,
+                    const std::atomic<int>* stop) {
+    ASSERT_EQ(qv_nats_start_service_handler_threads(
+                  connection, subject,
+                  [](void* context, qv_const_request_reply_t* rr) {
+                      ++*static_cast<std::atomic<int>*>(context);
+                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
+                      return 0;
+                  },
+                  calls, stop, 1),
+              0);
+    ASSERT_EQ(natsConnection_Flush(connection->_conn.get()), NATS_OK);
+}
+
 std::string quoted(const std::string& value) {
     qv::json_ptr s(json_object_new_string_len(value.data(), static_cast<int>(value.size())));
     return qv_json_to_string(s.get());
@@ -411,18 +427,10 @@ TEST(HostileRegistryEntries, AreNeverProjectedNorFlushedWhileTheirKeysStillShiel
     auto worker_connection = qv_client(server);
     std::atomic<int> worker_stop{0};
     std::atomic<int> flushes{0};
-    ASSERT_EQ(qv_nats_start_service_handler_threads(
-                  worker_connection.get(), "qv-av-mimescan.good_1",
-                  [](void* context, qv_const_request_reply_t* rr) {
-                      ++*static_cast<std::atomic<int>*>(context);
-                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
-                      return 0;
-                  },
-                  &flushes, &worker_stop, 1),
-              0);
     // The worker's subscription is live before anything is sent (the watcher would otherwise
     // take the first request alone).
-    ASSERT_EQ(natsConnection_Flush(worker_connection->_conn.get()), NATS_OK);
+    ASSERT_NO_FATAL_FAILURE(
+        serve_counting(worker_connection.get(), "qv-av-mimescan.good_1", &flushes, &worker_stop));
     bus.seen();
     qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", nullptr, nullptr);
     EXPECT_EQ(flushes.load(), 1);
@@ -472,16 +480,8 @@ TEST(HostileSubscriptionEntries, AreNeverProjectedNorForwardedTo) {
     auto handler_connection = qv_client(server);
     std::atomic<int> stop{0};
     std::atomic<int> events{0};
-    ASSERT_EQ(qv_nats_start_service_handler_threads(
-                  handler_connection.get(), "qv-test.good",
-                  [](void* context, qv_const_request_reply_t* rr) {
-                      ++*static_cast<std::atomic<int>*>(context);
-                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
-                      return 0;
-                  },
-                  &events, &stop, 1),
-              0);
-    ASSERT_EQ(natsConnection_Flush(handler_connection->_conn.get()), NATS_OK);
+    ASSERT_NO_FATAL_FAILURE(
+        serve_counting(handler_connection.get(), "qv-test.good", &events, &stop));
     bus.seen();
     qv_request_reply_t rr;
     rr.request.json_txt = R"({"Command": 501, "Event": {}, "Component": "qv-av-trellix"})";

@@ -91,24 +91,34 @@ bool answers_by(Client& client, const ServiceProbe& probe, clock_type::time_poin
     }
 }
 
-void configure(DaemonProcess& d, const NatsServer& server) {
-    d.use_nats(server.url());
-    for (const char* kind : {"SCAN", "EPO", "ERROR"}) {
-        d.control_keys[std::string(kind) + "_LOG_BASEDIR"] = d.basedir() + "/logs";
+// A nats-server with the buckets and the daemon on it, its logs in the installation tree.
+struct DaemonMessaging : ::testing::Test {
+    NatsServer server;
+    DaemonProcess d;
+
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_EQ(server.create_buckets(), 0);
+        d.use_nats(server.url());
+        for (const char* kind : {"SCAN", "EPO", "ERROR"}) {
+            d.control_keys[std::string(kind) + "_LOG_BASEDIR"] = d.basedir() + "/logs";
+        }
     }
-}
+    // Starts the daemon with `extra` control keys and waits for its main loop.
+    void start_daemon(const DaemonProcess::Keys& extra = {}) {
+        for (const auto& [key, value] : extra) {
+            d.control_keys[key] = value;
+        }
+        d.write_config();
+        ASSERT_TRUE(d.start());
+        ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    }
+};
 
 }  // namespace
 
-TEST(DaemonMessaging, AnswersOnEveryServiceSoonAfterAMinuteWithoutNats) {
-    NatsServer server;
-    ASSERT_TRUE(server.start());
-    ASSERT_EQ(server.create_buckets(), 0);
-    DaemonProcess d;
-    configure(d, server);
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+TEST_F(DaemonMessaging, AnswersOnEveryServiceSoonAfterAMinuteWithoutNats) {
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
     {
         Client client(server);
         for (const ServiceProbe& probe : every_service()) {
@@ -136,15 +146,8 @@ TEST(DaemonMessaging, AnswersOnEveryServiceSoonAfterAMinuteWithoutNats) {
     EXPECT_EQ(d.stop(), 0);
 }
 
-TEST(DaemonMessaging, AThousandConcurrentPingsFromFourClientsAreAllAnswered) {
-    NatsServer server;
-    ASSERT_TRUE(server.start());
-    ASSERT_EQ(server.create_buckets(), 0);
-    DaemonProcess d;
-    configure(d, server);
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+TEST_F(DaemonMessaging, AThousandConcurrentPingsFromFourClientsAreAllAnswered) {
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
     {
         Client client(server);
         ASSERT_TRUE(qvtest::wait_until([&] { return client.ping() == 0; }));
@@ -181,16 +184,8 @@ TEST(DaemonMessaging, AThousandConcurrentPingsFromFourClientsAreAllAnswered) {
     EXPECT_EQ(d.stop(), 0);
 }
 
-TEST(DaemonMessaging, AnEventForTwoThousandSilentHandlersIsAnsweredInTime) {
-    NatsServer server;
-    ASSERT_TRUE(server.start());
-    ASSERT_EQ(server.create_buckets(), 0);
-    DaemonProcess d;
-    configure(d, server);
-    d.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "0";
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+TEST_F(DaemonMessaging, AnEventForTwoThousandSilentHandlersIsAnsweredInTime) {
+    ASSERT_NO_FATAL_FAILURE(start_daemon({{"EVENT_SUBSCRIPTION_KV_ENABLED", "0"}}));
 
     NatsPeer handlers(server.url());
     ASSERT_TRUE(handlers.connected());

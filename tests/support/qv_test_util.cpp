@@ -92,4 +92,16 @@ bool port_open(int port) {
     return ok;
 }
 
+std::string call_handler(qv_service_handler_t handler, void* context, const std::string& body,
+                         int* rc) {
+    qv_request_reply_t rr;
+    rr.request.json_txt = body;
+    qv_const_request_reply_t crr{&rr.request, &rr.reply};
+    const int status = handler(context, &crr);
+    if (rc != nullptr) {
+        *rc = status;
+    }
+    return rr.reply.json_txt;
+}
+
 }  // namespace qvtest

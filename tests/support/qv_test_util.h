@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include "qv_request_reply_types.h"
+
 namespace qvtest {
 
 // A directory under /tmp removed with its contents when the object goes.
@@ -30,6 +32,10 @@ void write_file(const std::string& path, const std::string& contents);
 bool file_exists(const std::string& path);
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);
+// Calls a service handler in this process with `body` as the request; the reply text (empty when
+// the handler set none), with the handler's status in *rc when given.
+std::string call_handler(qv_service_handler_t handler, void* context, const std::string& body,
+                         int* rc = nullptr);
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
 // True when a TCP connection to 127.0.0.1:port succeeds.

@@ -44,14 +44,7 @@ class HostileRequests : public ::testing::Test {
     bool logged(const std::string& text) const { return log.contains(text); }
     void clear_trace() { log.clear(); }
     std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
-        qv_request_reply_t rr;
-        rr.request.json_txt = body;
-        qv_const_request_reply_t crr{&rr.request, &rr.reply};
-        const int status = handler(config.get(), &crr);
-        if (rc != nullptr) {
-            *rc = status;
-        }
-        return rr.reply.json_txt;
+        return qvtest::call_handler(handler, config.get(), body, rc);
     }
     std::string registration(const std::string& worker_member,
                              const std::string& service_member = "\"qv-av-trellix\"") {

@@ -50,14 +50,7 @@ class Registry : public ::testing::Test {
         return qvctrl_apply_worker_registration(config.get(), doc.get());
     }
     std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
-        qv_request_reply_t rr;
-        rr.request.json_txt = body;
-        qv_const_request_reply_t crr{&rr.request, &rr.reply};
-        const int status = handler(config.get(), &crr);
-        if (rc != nullptr) {
-            *rc = status;
-        }
-        return rr.reply.json_txt;
+        return qvtest::call_handler(handler, config.get(), body, rc);
     }
 };
 
