@@ -1,3 +1,11 @@
+// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
+// once added: the first mapping of a realm wins.
+struct quorvale_tenant_mapping_t {
+    std::string realmID;
+    std::string realmName;
+    std::string tenantID;
+};
+
 // The daemon-wide configuration record: allocated once at start-up with its defaults, filled from
 // the command line and the configuration file, and shared by every thread until the process ends.
 #pragma once
@@ -145,6 +153,9 @@ struct quorvale_control_config_t {
     uint32_t config_poll_interval = 180;
     // Guarded by event_workers_listmutex.
     std::list<qv_eventhandler_t> event_workers_list;
+    // Realm-to-tenant mappings filled from the API gateway's answers; walked with the list's own
+    // iterator.
+    qvhlp_list<quorvale_tenant_mapping_t> tenants;
 };
 
 // A record with every default of a fresh start: the sub-records allocated, the lists empty.

@@ -36,3 +36,8 @@ void qvctrl_config_kv_delete_prefix(quorvale_control_config_t* config, const cha
 int qvctrl_config_kv_for_each_realm_sid(
     quorvale_control_config_t* config,
     const std::function<void(const char* realm, const char* SID)>& callback);
+// On a miss in cloud mode: fetches all four configurations of realm and SID from the API gateway,
+// stores every kind that came back under its own prefix, and returns the one of kind `prefix`
+// (null when it was not delivered, for any other prefix, or when the fetch failed).
+qv::json_ptr qvctrl_config_kv_cloud_fill(quorvale_control_config_t* config, const char* realm,
+                                         const char* SID, const char* prefix);
