@@ -1,4 +1,6 @@
-// Services of scan clients: the announcement that a client is about to use a scan service.
+// Services of scan clients: the consolidated init, which gives a starting client in one exchange
+// its tenant, its scan configuration and the driver data of a registered worker for each scan
+// service it names, and the announcement that a client is about to use a scan service.
 #pragma once
 
 #include <json-c/json.h>
@@ -12,3 +14,9 @@
 // characters), gives an ERROR reply -1 "Invalid realm", "Invalid SID" or "Invalid service name".
 qv_message_t qvctrl_handle_client_services_request(json_object* request,
                                                    quorvale_control_config_t* config);
+
+// Command 6: {"ReplytoRequestID", "tenantID", "realmName", "SCAN", "Services", "ReturnCode": 0},
+// or the fixed failure text with -1000; nothing partial. Each requested service waits up to 2 s
+// for a worker to register, within a budget of about 11 s per request.
+qv_message_t qvctrl_handle_consolidated_init(json_object* request,
+                                             quorvale_control_config_t* config);

@@ -17,9 +17,11 @@ constexpr std::array<std::string_view, 4> s_prefixes = {
     QVCTRL_CONFIG_PREFIX_SCAN, QVCTRL_CONFIG_PREFIX_MIMEEXT, QVCTRL_CONFIG_PREFIX_MIMEXLAT,
     QVCTRL_CONFIG_PREFIX_AC};
 
-// "<prefix><realm>[.<SID>]"; false (logged) when it does not fit or is no bucket key. Realm and
-// SID come from requests: they reach the bucket only as part of a valid key.
-bool s_build_key(std::string* key, const char* prefix, const char* realm, const char* SID) {
+}  // namespace
+
+// Realm and SID come from requests: they reach the bucket only as part of a valid key.
+bool qvctrl_config_kv_build_key(std::string* key, const char* prefix, const char* realm,
+                                const char* SID) {
     const bool with_sid = SID != nullptr && SID[0] != '\0';
     *key = std::string(prefix) + realm;
     if (with_sid) {
@@ -38,6 +40,8 @@ bool s_build_key(std::string* key, const char* prefix, const char* realm, const 
     return true;
 }
 
+namespace {
+
 qv_nats_config* s_connection(quorvale_control_config_t* config) {
     return config->main_nats_config.get();
 }
@@ -48,7 +52,7 @@ qv::json_ptr qvctrl_config_kv_get(quorvale_control_config_t* config, const char*
                                   const char* realm, const char* SID) {
     std::string key;
     if (config == nullptr || prefix == nullptr || realm == nullptr ||
-        !s_build_key(&key, prefix, realm, SID)) {
+        !qvctrl_config_kv_build_key(&key, prefix, realm, SID)) {
         return nullptr;
     }
     std::string value;
@@ -68,7 +72,7 @@ void qvctrl_config_kv_put(quorvale_control_config_t* config, const char* prefix,
                           const char* SID, json_object* object) {
     std::string key;
     if (config == nullptr || prefix == nullptr || realm == nullptr || object == nullptr ||
-        !s_build_key(&key, prefix, realm, SID)) {
+        !qvctrl_config_kv_build_key(&key, prefix, realm, SID)) {
         return;
     }
     const std::string text = qv_json_to_string(object);
@@ -84,7 +88,7 @@ void qvctrl_config_kv_delete(quorvale_control_config_t* config, const char* pref
                              const char* realm, const char* SID) {
     std::string key;
     if (config == nullptr || prefix == nullptr || realm == nullptr ||
-        !s_build_key(&key, prefix, realm, SID)) {
+        !qvctrl_config_kv_build_key(&key, prefix, realm, SID)) {
         return;
     }
     qv_connection_kv_delete(s_connection(config), QV_KV_CONFIG_BUCKET, key.c_str());

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "qv_handles.h"
 #include "qvctrl_config.h"
@@ -19,6 +20,11 @@ inline constexpr const char* QVCTRL_CONFIG_PREFIX_MIMEXLAT = "mimexlat.";
 inline constexpr const char* QVCTRL_CONFIG_PREFIX_AC = "ac.";
 // Longest key, in characters.
 inline constexpr size_t QVCTRL_CONFIG_KEY_MAX = 511;
+
+// "<prefix><realm>[.<SID>]" into *key; false (logged) when it is longer than 511 characters or
+// no bucket key.
+bool qvctrl_config_kv_build_key(std::string* key, const char* prefix, const char* realm,
+                                const char* SID);
 
 // The configuration of one kind for realm and SID (a null or empty SID: the realm-wide one), or
 // null on a miss or an error.

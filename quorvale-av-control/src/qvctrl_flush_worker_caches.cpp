@@ -1,5 +1,6 @@
 #include "qvctrl_flush_worker_caches.h"
 
+#include <cstring>
 #include <string>
 
 #include "log.h"
@@ -7,6 +8,7 @@
 #include "qv_json.h"
 #include "qv_validate.h"
 #include "qvctrl_adjust_worker_capacity.h"
+#include "qvctrl_config_kv.h"
 #include "qvhlp_path.h"
 
 namespace {
@@ -95,9 +97,14 @@ void qvctrl_check_flush_config_caches(quorvale_control_config_t* config, const c
         return;
     }
     log_debug("Config change detected. Flushing config caches for service %s", service);
-    // The cached configurations of this kind in the configuration bucket ("mimeext." and
-    // "mimexlat." for mime-scan, "ac." for active content) are cleared here once that store is in
-    // place; the workers are told already.
+    // The bucket goes first: a worker that refetches right after the flush must not find the
+    // old configuration there.
+    if (strcmp(service, "qv-av-mimescan") == 0) {
+        qvctrl_config_kv_delete_prefix(config, QVCTRL_CONFIG_PREFIX_MIMEEXT);
+        qvctrl_config_kv_delete_prefix(config, QVCTRL_CONFIG_PREFIX_MIMEXLAT);
+    } else if (strcmp(service, "qv-av-activecontent") == 0) {
+        qvctrl_config_kv_delete_prefix(config, QVCTRL_CONFIG_PREFIX_AC);
+    }
     log_info("Configuration change detected. Instructing %s workers to flush caches", service);
     qvctrl_flush_worker_caches(config, service, nullptr, nullptr);
     *last_mtime_ref = mtime;

@@ -15,6 +15,8 @@ void qvctrl_flush_worker_caches(quorvale_control_config_t* config, const char* s
                                 const char* realm, const char* SID);
 
 // When the directory's modification time differs from *last_mtime_ref (in either direction),
-// flushes every worker of `service` and stores the new time.
+// deletes the service's configuration kind from the bucket ("mimeext." and "mimexlat." for
+// "qv-av-mimescan", "ac." for "qv-av-activecontent"), flushes every worker of `service` and
+// stores the new time.
 void qvctrl_check_flush_config_caches(quorvale_control_config_t* config, const char* service,
                                       const char* directory, time_t* last_mtime_ref);

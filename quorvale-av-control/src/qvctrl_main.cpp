@@ -34,6 +34,7 @@
 #include "qvctrl_PIDlockfile.h"
 #include "qvctrl_config.h"
 #include "qvctrl_flush_worker_caches.h"
+#include "qvctrl_scan_config_requests.h"
 #include "qvctrl_parse_commandline.h"
 #include "qvctrl_registry_poller.h"
 #include "qvhlp_network.h"
@@ -68,6 +69,7 @@ qv_thread_t s_event_sub_watcher;
 // the main loop flush the workers of that configuration kind.
 time_t s_mime_dir_modification_time = 0;
 time_t s_activecontent_dir_modification_time = 0;
+time_t s_vsa_dir_modification_time = 0;
 
 constexpr const char* s_component = "qv-av-control";
 
@@ -281,6 +283,15 @@ void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_par
             qvctrl_check_flush_config_caches(config, "qv-av-activecontent",
                                              s_config_dir(config->basedir, "activecontent").c_str(),
                                              &s_activecontent_dir_modification_time);
+            // Scan configurations are built from the files once and then served from the bucket:
+            // a newer vsa directory releases them all, so the next request rebuilds them.
+            const time_t vsa_mtime =
+                qvhlp_get_dir_mtime(s_config_dir(config->basedir, "vsa").c_str());
+            if (vsa_mtime > s_vsa_dir_modification_time) {
+                log_info("Scan configurations were updated - reloading");
+                qvctrl_release_scan_configurations(config);
+                s_vsa_dir_modification_time = vsa_mtime;
+            }
         }
         malloc_trim(0);
     }
@@ -402,6 +413,8 @@ int s_run(int argc, char** argv) {
             qvhlp_get_dir_mtime(s_config_dir(config->basedir, "mime").c_str());
         s_activecontent_dir_modification_time =
             qvhlp_get_dir_mtime(s_config_dir(config->basedir, "activecontent").c_str());
+        s_vsa_dir_modification_time =
+            qvhlp_get_dir_mtime(s_config_dir(config->basedir, "vsa").c_str());
 
         const std::string lock_path = s_format_path("%s%crun%cquorvale-av-control_%s.lock",
                                                     config->basedir, config->confighash);

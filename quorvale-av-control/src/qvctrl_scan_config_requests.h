@@ -17,6 +17,9 @@
 #include "qv_request_reply_types.h"
 #include "qvctrl_config.h"
 
+// Longest "RequestID" a request may carry (it is echoed in the reply).
+inline constexpr size_t QVCTRL_REQUEST_ID_MAX = 255;
+
 qv_message_t qvctrl_handle_get_vsa_config(json_object* request, quorvale_control_config_t* config);
 qv_message_t qvctrl_handle_get_tenantID(json_object* request, quorvale_control_config_t* config);
 qv_message_t qvctrl_handle_get_activecontent_config(quorvale_control_config_t* config,

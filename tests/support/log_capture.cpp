@@ -29,6 +29,15 @@ bool LogCapture::contains(const std::string& needle) const {
     return text().find(needle) != std::string::npos;
 }
 
+int LogCapture::count(const std::string& needle) const {
+    const std::string all = text();
+    int n = 0;
+    for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
 void LogCapture::clear() const {
     write_file(path_, "");
 }

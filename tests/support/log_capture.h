@@ -17,6 +17,8 @@ class LogCapture {
 
     std::string text() const;
     bool contains(const std::string& needle) const;
+    // How often `needle` occurs in the trace.
+    int count(const std::string& needle) const;
     // Polls until `needle` shows up in the trace.
     bool wait_for(const std::string& needle) const;
     // Forgets what was captured so far.
