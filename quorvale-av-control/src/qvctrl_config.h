@@ -1,11 +1,3 @@
-// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
-// once added: the first mapping of a realm wins.
-struct quorvale_tenant_mapping_t {
-    std::string realmID;
-    std::string realmName;
-    std::string tenantID;
-};
-
 // The daemon-wide configuration record: allocated once at start-up with its defaults, filled from
 // the command line and the configuration file, and shared by every thread until the process ends.
 #pragma once
@@ -99,6 +91,14 @@ struct qv_eventhandler_t {
     std::string hostname;
     std::string modules;
     time_t expiration = 0;  // absolute; the handler is dropped once this has passed
+};
+
+// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
+// once added: the first mapping of a realm wins.
+struct quorvale_tenant_mapping_t {
+    std::string realmID;
+    std::string realmName;
+    std::string tenantID;
 };
 
 struct quorvale_control_config_t {
