@@ -583,7 +583,7 @@ int s_refuse(qv_const_request_reply_t* rr, const std::string& text) {
     return -1;
 }
 
-int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
+qv::json_ptr s_parse_request(qv_const_request_reply_t* rr) {
     const char* parse_error = nullptr;
     qv::json_ptr message = qv_json_parse_object(rr->request->json_txt, &parse_error);
     if (!message) {
@@ -596,18 +596,35 @@ int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_rep
             reason = std::string("Failed to parse JSON. Errorcode: ") + parse_error;
         }
         log_trace("Rejected log message: %s", qv_escape_for_log(rr->request->json_txt).c_str());
-        return s_refuse(rr, reason);
+        s_refuse(rr, reason);
+    }
+    return message;
+}
+
+bool s_read_version(json_object* message, int* version, std::string* refusal) {
+    *version = s_get_int(message, "LogVersion");
+    if (*version >= 2) {
+        char text[128];
+        snprintf(text, sizeof(text), "Log version %d not supported by this logger (version %d)",
+                 *version, s_supported_log_version);
+        log_error("%s", text);
+        *refusal = text;
+        return false;
+    }
+    return true;
+}
+
+int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
+    qv::json_ptr message = s_parse_request(rr);
+    if (!message) {
+        return -1;
     }
     json_object* msg = message.get();
 
     qvctrl_log_common_t common;
-    common.logVersion = s_get_int(msg, "LogVersion");
-    if (common.logVersion >= 2) {
-        char text[128];
-        snprintf(text, sizeof(text), "Log version %d not supported by this logger (version %d)",
-                 common.logVersion, s_supported_log_version);
-        log_error("%s", text);
-        return s_refuse(rr, text);
+    std::string refusal;
+    if (!s_read_version(msg, &common.logVersion, &refusal)) {
+        return s_refuse(rr, refusal);
     }
     std::string* const required[] = {&common.timestamp, &common.component, &common.eventID};
     const char* const required_keys[] = {"Timestamp", "Component", "EventID"};
@@ -659,6 +676,11 @@ int s_handle_log_request(quorvale_control_config_t* config, qv_const_request_rep
 }  // namespace
 
 int qv_av_control_logger_request_handler(void* context, qv_const_request_reply_t* rr) {
+    return qvctrl_log_run_handler(context, rr, s_handle_log_request);
+}
+
+int qvctrl_log_run_handler(void* context, qv_const_request_reply_t* rr,
+                           int (*body)(quorvale_control_config_t*, qv_const_request_reply_t*)) {
     log_trace("Entering");
     if (rr == nullptr || rr->request == nullptr || rr->reply == nullptr) {
         log_error("Invalid parameters");
@@ -672,7 +694,7 @@ int qv_av_control_logger_request_handler(void* context, qv_const_request_reply_t
         qv_reply_set_ERROR(rr->reply, SERVICE_ERROR, "Invalid parameters");
     } else {
         try {
-            rc = s_handle_log_request(config, rr);
+            rc = body(config, rr);
         } catch (const std::exception& e) {
             log_error("Failed to handle log request: %s", e.what());
             rr->reply->json_txt.clear();
@@ -684,12 +706,37 @@ int qv_av_control_logger_request_handler(void* context, qv_const_request_reply_t
     return rc;
 }
 
-int qv_av_control_json_logger_request_handler(void* /*context*/, qv_const_request_reply_t* rr) {
-    if (rr != nullptr && rr->reply != nullptr && rr->reply->json_txt.empty()) {
-        log_warn("Creating generic error reply");
-        qv_reply_set_return_code(rr->reply, -1);
-    }
-    return -1;
+int qvctrl_log_refuse(qv_const_request_reply_t* rr, const std::string& text) {
+    return s_refuse(rr, text);
+}
+
+qv::json_ptr qvctrl_log_parse_request(qv_const_request_reply_t* rr) {
+    return s_parse_request(rr);
+}
+
+bool qvctrl_log_read_version(json_object* message, int* version, std::string* refusal) {
+    return s_read_version(message, version, refusal);
+}
+
+bool qvctrl_log_read_realm(json_object* message, std::string* realm) {
+    return s_read_realm(message, realm);
+}
+
+json_object* qvctrl_log_get_object(json_object* parent, const char* key) {
+    return s_get_object(parent, key);
+}
+
+int64_t qvctrl_log_get_int64(json_object* object, const char* key) {
+    return s_get_int64(object, key);
+}
+
+bool qvctrl_log_required_text(json_object* object, const char* key, std::string* out,
+                              std::string* reason) {
+    return s_required_text(object, key, out, reason);
+}
+
+std::string qvctrl_log_optional_text(json_object* object, const char* key) {
+    return s_optional_text(object, key);
 }
 
 int qvctrl_log_write_scanlog(json_object* message, quorvale_control_config_t* config,

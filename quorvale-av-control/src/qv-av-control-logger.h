@@ -22,6 +22,7 @@
 
 #include <json-c/json.h>
 
+#include "qv_handles.h"
 #include "qv_request_reply_types.h"
 #include "qvctrl_config.h"
 
@@ -42,7 +43,6 @@ struct qvctrl_log_common_t {
 // {"ReturnCode": 0} once the envelope is valid and every line the request asked for was written
 // (a missing or incomplete section is only logged), or -1000 with the reason. 0 or -1.
 int qv_av_control_logger_request_handler(void* context, qv_const_request_reply_t* rr);
-int qv_av_control_json_logger_request_handler(void* context, qv_const_request_reply_t* rr);
 
 // Section writers: 0 when a line was written, -1 otherwise (a missing section included).
 int qvctrl_log_write_scanlog(json_object* message, quorvale_control_config_t* config,
@@ -73,3 +73,32 @@ int qvctrl_log_append_to_file(quorvale_control_config_t* config, const char* pat
 // log_write_mutex held. 0 or -1.
 int qvctrl_log_check_logswitch(quorvale_control_config_t* config, const char* path);
 int qvctrl_log_switch_logfile(const char* path);
+
+// The request handling both log services share (this one and the JSON log service).
+
+// Runs `body` for a request on the configuration `context`: refuses null arguments, turns an
+// exception into the -1000 reply, traces entry and exit. The body's result, or -1.
+int qvctrl_log_run_handler(void* context, qv_const_request_reply_t* rr,
+                           int (*body)(quorvale_control_config_t*, qv_const_request_reply_t*));
+// Ends a request with the -1000 reply; `text` may carry request data or system texts. -1.
+int qvctrl_log_refuse(qv_const_request_reply_t* rr, const std::string& text);
+// The request as a JSON object; null, with the failure logged and replied, for anything else.
+qv::json_ptr qvctrl_log_parse_request(qv_const_request_reply_t* rr);
+// "LogVersion" (absent: 0, with a warning). False, with the reply text in *refusal, for a
+// version newer than this daemon writes.
+bool qvctrl_log_read_version(json_object* message, int* version, std::string* refusal);
+// The top-level "realmID": absent, null or empty is no realm (*realm empty). Anything else must
+// be one path component, since it names a directory when logs are split by realm. False, with
+// the warning, for a refused realm.
+bool qvctrl_log_read_realm(json_object* message, std::string* realm);
+// The member `key` when it is an object; null otherwise.
+json_object* qvctrl_log_get_object(json_object* parent, const char* key);
+// An integer member; 0, with the warning "Object %s not found", when absent.
+int64_t qvctrl_log_get_int64(json_object* object, const char* key);
+// A required string member with every byte it holds; false, with the usual log line and its
+// text in *reason, when missing, empty or not a string.
+bool qvctrl_log_required_text(json_object* object, const char* key, std::string* out,
+                              std::string* reason = nullptr);
+// An optional member as text: a string with every byte it holds, another value as
+// qv_json_get_optional_string gives it.
+std::string qvctrl_log_optional_text(json_object* object, const char* key);

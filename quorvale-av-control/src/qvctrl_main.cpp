@@ -29,7 +29,7 @@
 #include "qv_worker_ping_handler.h"
 #include "qv-av-control-epolog.h"
 #include "qv-av-control-event-dispatcher.h"
-#include "qv-av-control-logger.h"
+#include "qv-av-control-json-logger.h"
 #include "qvctrl_worker_request_handlers.h"
 #include "qvctrl_PIDlockfile.h"
 #include "qvctrl_config.h"
