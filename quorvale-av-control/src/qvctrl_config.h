@@ -1,11 +1,3 @@
-// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
-// once added: the first mapping of a realm wins.
-struct quorvale_tenant_mapping_t {
-    std::string realmID;
-    std::string realmName;
-    std::string tenantID;
-};
-
 // The daemon-wide configuration record: allocated once at start-up with its defaults, filled from
 // the command line and the configuration file, and shared by every thread until the process ends.
 #pragma once
@@ -20,6 +12,14 @@ struct quorvale_tenant_mapping_t {
 
 #include "qv_nats_config.h"
 #include "qvhlp_list.h"
+
+// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
+// once added: the first mapping of a realm wins.
+struct quorvale_tenant_mapping_t {
+    std::string realmID;
+    std::string realmName;
+    std::string tenantID;
+};
 
 enum qv_thread_status {
     CREATING = 0,
