@@ -88,6 +88,8 @@ TEST_F(ComponentConfigurationFlush, EachRemovedRecordIsFlushedAndRemoveAllFlushe
     const auto all = requests();
     ASSERT_EQ(all.size(), 3u);
     EXPECT_EQ(all[2], R"({"Command":12,"RealmID":"*","SID":"*"})");
+    EXPECT_EQ(qv_ctrl_component_configuration_remove(config.get(), kService, nullptr, "r1", "s1"),
+              -1);
 }
 
 }  // namespace
