@@ -10,6 +10,7 @@
 #include "qv_json.h"
 #include "qv_nats_kv.h"
 #include "qv_validate.h"
+#include "qvctrl_request_from_apigw.h"
 
 namespace {
 
@@ -152,4 +153,32 @@ int qvctrl_config_kv_for_each_realm_sid(
         callback(realm.c_str(), sid.c_str());
     }
     return 0;
+}
+
+qv::json_ptr qvctrl_config_kv_cloud_fill(quorvale_control_config_t* config, const char* realm,
+                                         const char* SID, const char* prefix) {
+    if (config == nullptr || realm == nullptr || SID == nullptr || prefix == nullptr) {
+        return nullptr;
+    }
+    // One fetch delivers every kind: all of them are cached, so that the next miss of another
+    // kind for this realm and SID is a hit.
+    std::array<qv::json_ptr, s_prefixes.size()> fetched;
+    if (qvctrl_get_configurations_from_apigw(config, realm, SID, &fetched[0], &fetched[1],
+                                             &fetched[2], &fetched[3]) != 0) {
+        log_error("config KV: APIGW fetch failed for realm '%s' SID '%s'",
+                  qv_escape_for_log(realm).c_str(), qv_escape_for_log(SID).c_str());
+        return nullptr;
+    }
+    qv::json_ptr requested;
+    for (size_t i = 0; i < s_prefixes.size(); ++i) {
+        if (!fetched[i]) {
+            continue;
+        }
+        const std::string kind(s_prefixes[i]);
+        qvctrl_config_kv_put(config, kind.c_str(), realm, SID, fetched[i].get());
+        if (kind == prefix) {
+            requested = std::move(fetched[i]);
+        }
+    }
+    return requested;
 }

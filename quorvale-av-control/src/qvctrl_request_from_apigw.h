@@ -12,7 +12,7 @@
 #include "qv_handles.h"
 #include "qvctrl_config.h"
 
-// Maximum reply body, in bytes (one more is refused).
+// The reply buffer, in bytes, with room for a terminator: a body of this size or more is refused.
 inline constexpr size_t QVCTRL_APIGW_MAX_REPLY = 262144;
 
 // 0 on success, non-zero on failure (logged). Each output that is not null receives its parsed
@@ -22,3 +22,6 @@ int qvctrl_get_configurations_from_apigw(quorvale_control_config_t* config, cons
                                          qv::json_ptr* mimeext_out,
                                          qv::json_ptr* mimetranslations_out,
                                          qv::json_ptr* activecontent_out);
+
+// Tests only: replaces the 10 s connect and 30 s total timeouts of every later fetch.
+void qvctrl_apigw_set_timeouts_for_tests(long connect_ms, long total_ms);

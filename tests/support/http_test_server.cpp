@@ -15,6 +15,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sodium.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -390,6 +391,17 @@ void HttpTestServer::queue(Response response) {
     queued_.push_back(std::move(response));
 }
 
+void HttpTestServer::require_basic_auth(const std::string& user, const std::string& password) {
+    const std::string plain = user + ":" + password;
+    std::string encoded(sodium_base64_encoded_len(plain.size(), sodium_base64_VARIANT_ORIGINAL),
+                        '\0');
+    sodium_bin2base64(encoded.data(), encoded.size(),
+                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
+                      sodium_base64_VARIANT_ORIGINAL);
+    std::lock_guard<std::mutex> lock(mutex_);
+    expected_authorization_ = "Basic " + std::string(encoded.c_str());
+}
+
 std::string HttpTestServer::url(std::string_view path) const {
     const std::string origin =
         options_.tls ? std::string("https://localhost") : "http://" + options_.bind_address;
@@ -431,11 +443,15 @@ void HttpTestServer::serve(int fd) {
     if (!request) {
         return;
     }
+    bool authorized = true;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         requests_.push_back(*request);
+        authorized = expected_authorization_.empty() ||
+                     request->header("Authorization") == expected_authorization_;
     }
-    const Response response = next_response();
+    const Response response =
+        authorized ? next_response() : Response{Mode::answer, 401, "unauthorized", "text/plain"};
     switch (response.mode) {
         case Mode::answer:
             stream.write_all(

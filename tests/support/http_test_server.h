@@ -92,6 +92,9 @@ class HttpTestServer : public detail::LoopbackService {
     void respond(int status, std::string body);
     // Answers used once each, in order, before the standing one.
     void queue(Response response);
+    // From now on a request without exactly these Basic credentials gets 401 and uses up none of
+    // the chosen answers.
+    void require_basic_auth(const std::string& user, const std::string& password);
 
     // http://<bind address>:port, or https://localhost:port with TLS (the certificate names
     // localhost), followed by `path`.
@@ -110,6 +113,7 @@ class HttpTestServer : public detail::LoopbackService {
     mutable std::mutex mutex_;
     Response standing_;
     std::deque<Response> queued_;
+    std::string expected_authorization_;  // empty: no check
     std::vector<HttpRequest> requests_;
 };
 

@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "nats_peer.h"
+#include "nats_server.h"
+#include "qv_json.h"
+#include "qv_nats_client.h"
+#include "qvctrl_component_configuration.h"
+
+namespace {
+
+// A running worker of the MIME scan service on its own subject, confirming every flush request
+// and keeping what it was asked.
+class ComponentConfigurationFlush : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        config->main_nats_config = server.client_config();
+        ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
+        worker = std::make_unique<qvtest::NatsPeer>(server.url());
+        ASSERT_TRUE(worker->connected());
+        natsSubscription* sub = nullptr;
+        ASSERT_EQ(natsConnection_Subscribe(&sub, worker->conn(), kWorker, s_on_request, this),
+                  NATS_OK);
+        subscription.reset(sub);
+        ASSERT_TRUE(worker->flush());
+
+        auto running = std::make_shared<qv_active_worker_t>();
+        running->servicename = kService;
+        running->controlservicename = kWorker;
+        config->running_services.append(running);
+        for (const auto& [realm, sid] : std::vector<std::pair<const char*, const char*>>{
+                 {"r1", "s1"}, {"r1", "s2"}, {"r2", "s1"}}) {
+            ASSERT_EQ(qv_ctrl_component_configuration_add(&list, realm, sid, qv_json_parse("{}")),
+                      0);
+        }
+    }
+    void TearDown() override {
+        subscription.reset();
+        worker.reset();
+        qv_nats_deinit(config->main_nats_config.get());
+    }
+
+    static void s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
+        auto* self = static_cast<ComponentConfigurationFlush*>(closure);
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            self->received.emplace_back(natsMsg_GetData(msg), natsMsg_GetDataLength(msg));
+        }
+        if (natsMsg_GetReply(msg) != nullptr) {
+            natsConnection_PublishString(nc, natsMsg_GetReply(msg), R"({"ReturnCode": 0})");
+        }
+        natsMsg_Destroy(msg);
+    }
+    std::vector<std::string> requests() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received;
+    }
+
+    static constexpr const char* kService = "qv-av-mimescan";
+    static constexpr const char* kWorker = "qv-av-mimescan-w1";
+    qvtest::NatsServer server;
+    std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
+    std::unique_ptr<qvtest::NatsPeer> worker;
+    qv::nats_subscription_ptr subscription;
+    qvctrl_component_configuration_list list;
+    std::mutex mutex;
+    std::vector<std::string> received;
+};
+
+TEST_F(ComponentConfigurationFlush, EachRemovedRecordIsFlushedAndRemoveAllFlushesOnce) {
+    EXPECT_EQ(qv_ctrl_component_configuration_remove(config.get(), kService, &list, "r1", ""), 2);
+    EXPECT_EQ(requests(),
+              (std::vector<std::string>{R"({"Command":10,"RealmID":"r1","SID":"s1"})",
+                                        R"({"Command":10,"RealmID":"r1","SID":"s2"})"}));
+    // Workers of another service are not asked.
+    EXPECT_EQ(
+        qv_ctrl_component_configuration_remove(config.get(), "qv-av-trellix", &list, "r2", "s1"),
+        1);
+    EXPECT_EQ(requests().size(), 2u);
+
+    ASSERT_EQ(qv_ctrl_component_configuration_add(&list, "r3", "s1", qv_json_parse("{}")), 0);
+    ASSERT_EQ(qv_ctrl_component_configuration_add(&list, "r3", "s2", qv_json_parse("{}")), 0);
+    EXPECT_EQ(qv_ctrl_component_configuration_remove_all(config.get(), kService, &list), 2);
+    const auto all = requests();
+    ASSERT_EQ(all.size(), 3u);
+    EXPECT_EQ(all[2], R"({"Command":12,"RealmID":"*","SID":"*"})");
+    EXPECT_EQ(qv_ctrl_component_configuration_remove(config.get(), kService, nullptr, "r1", "s1"),
+              -1);
+}
+
+}  // namespace
