@@ -18,6 +18,8 @@
 #include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
+
+#include <curl/curl.h>
 #include <uuid/uuid.h>
 
 #include "log-helper.h"
@@ -403,6 +405,12 @@ int s_run(int argc, char** argv) {
             zsys_daemonize(cwd[0] != '\0' ? cwd : nullptr);
         }
 
+        // Handler threads fetch from the API gateway side by side: the transfer library's global
+        // state is set up once, here, before any of them runs.
+        static const CURLcode curl_ready = curl_global_init(CURL_GLOBAL_ALL);
+        if (curl_ready != CURLE_OK) {
+            log_error("curl_global_init failed: %s", curl_easy_strerror(curl_ready));
+        }
         if (qv_nats_init(nats) != 0) {
             log_error("Failed to initialize main NATS connection");
             rc = -1;

@@ -64,9 +64,6 @@ std::string text(const qv::json_ptr& object) {
 class Apigw : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        // The messaging library must set OpenSSL up before the TLS test server does: the other
-        // way round OpenSSL's exit-time clean-up crashes once a NATS connection was used.
-        nats_Open(-1);
         curl_global_init(CURL_GLOBAL_ALL);
     }
 

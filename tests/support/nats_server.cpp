@@ -19,6 +19,9 @@ namespace {
 // end of the test program they must be gone before OpenSSL's exit-time clean-up frees what their
 // TLS contexts still use, as the daemon does at its end.
 struct NatsLibraryTearDown : ::testing::Environment {
+    // The library sets OpenSSL up before any test server of ours does, whichever a test starts
+    // first, so that OpenSSL's exit-time clean-up runs in the order both expect.
+    void SetUp() override { nats_Open(-1); }
     void TearDown() override { nats_CloseAndWait(5000); }
 };
 // gtest owns registered environments.

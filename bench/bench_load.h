@@ -1,0 +1,140 @@
+// Load on one NATS service from concurrent requesters, and the baseline it is measured against.
+//
+// Requesters are plain libnats connections, one per thread, that write each request at once
+// (SendAsap), so that their own batching adds nothing to what is measured. The baseline is the
+// fastest bare responder libnats allows: a connection of its own that answers from the
+// subscription callback and writes each reply at once. A baseline that used the daemon's own
+// messaging options would carry the same overheads and hide them.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nats/nats.h>
+
+#include "qv_handles.h"
+
+namespace qvbench {
+
+struct load_result {
+    double per_second = 0;
+    double p50_ms = 0;
+    double p99_ms = 0;
+    int failures = 0;
+};
+
+inline qv::nats_connection_ptr connect_asap(const std::string& url) {
+    natsOptions* raw = nullptr;
+    if (natsOptions_Create(&raw) != NATS_OK) {
+        return nullptr;
+    }
+    qv::nats_options_ptr opts(raw);
+    natsOptions_SetURL(opts.get(), url.c_str());
+    natsOptions_SetSendAsap(opts.get(), true);
+    natsConnection* conn = nullptr;
+    if (natsConnection_Connect(&conn, opts.get()) != NATS_OK) {
+        return nullptr;
+    }
+    return qv::nats_connection_ptr(conn);
+}
+
+// Answers every request on `subject` with {"ReturnCode": 0} from the delivery callback.
+class bare_responder {
+  public:
+    bare_responder(const std::string& url, const std::string& subject) : conn_(connect_asap(url)) {
+        natsSubscription* sub = nullptr;
+        if (conn_ && natsConnection_Subscribe(&sub, conn_.get(), subject.c_str(), on_message,
+                                              conn_.get()) == NATS_OK) {
+            sub_.reset(sub);
+            natsConnection_Flush(conn_.get());
+        }
+    }
+    bool ok() const { return sub_ != nullptr; }
+
+  private:
+    static void on_message(natsConnection* conn, natsSubscription*, natsMsg* msg, void*) {
+        static const char reply[] = "{\"ReturnCode\": 0}";
+        if (natsMsg_GetReply(msg) != nullptr) {
+            natsConnection_Publish(conn, natsMsg_GetReply(msg), reply, sizeof(reply) - 1);
+        }
+        natsMsg_Destroy(msg);
+    }
+
+    qv::nats_connection_ptr conn_;
+    qv::nats_subscription_ptr sub_;
+};
+
+// `requesters` threads each send `count` requests to `subject`, request i of requester r with
+// body(r, i); a reply missing within 10 s or whose body `ok` refuses counts as a failure.
+inline load_result run_load(const std::string& url, const std::string& subject, int requesters,
+                            int count, const std::function<std::string(int, int)>& body,
+                            const std::function<bool(const std::string&)>& ok = {}) {
+    using clock_type = std::chrono::steady_clock;
+    std::vector<std::vector<double>> latencies(static_cast<size_t>(requesters));
+    std::vector<qv::nats_connection_ptr> conns;
+    for (int r = 0; r < requesters; ++r) {
+        conns.push_back(connect_asap(url));
+    }
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    const auto t0 = clock_type::now();
+    for (int r = 0; r < requesters; ++r) {
+        threads.emplace_back([&, r] {
+            natsConnection* conn = conns[static_cast<size_t>(r)].get();
+            auto& mine = latencies[static_cast<size_t>(r)];
+            mine.reserve(static_cast<size_t>(count));
+            for (int i = 0; i < count; ++i) {
+                const std::string text = body(r, i);
+                const auto start = clock_type::now();
+                natsMsg* reply = nullptr;
+                if (conn == nullptr ||
+                    natsConnection_Request(&reply, conn, subject.c_str(), text.data(),
+                                           static_cast<int>(text.size()), 10000) != NATS_OK) {
+                    failures++;
+                } else {
+                    if (ok && !ok(std::string(natsMsg_GetData(reply),
+                                              static_cast<size_t>(natsMsg_GetDataLength(reply))))) {
+                        failures++;
+                    }
+                    natsMsg_Destroy(reply);
+                }
+                mine.push_back(
+                    std::chrono::duration<double, std::milli>(clock_type::now() - start).count());
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    const double secs = std::chrono::duration<double>(clock_type::now() - t0).count();
+    std::vector<double> all;
+    for (const auto& l : latencies) {
+        all.insert(all.end(), l.begin(), l.end());
+    }
+    std::sort(all.begin(), all.end());
+    load_result result;
+    result.per_second = secs > 0 ? static_cast<double>(all.size()) / secs : 0;
+    result.p50_ms = all.empty() ? 0 : all[all.size() / 2];
+    result.p99_ms = all.empty() ? 0 : all[std::min(all.size() - 1, all.size() * 99 / 100)];
+    result.failures = failures.load();
+    return result;
+}
+
+inline void print_header() {
+    printf("%-28s %10s %9s %9s %9s %8s %8s\n", "path", "req/s", "p50 ms", "p99 ms", "failures",
+           "x bare", "p99 x");
+}
+
+inline void print_row(const char* name, const load_result& r, const load_result& bare) {
+    printf("%-28s %10.0f %9.2f %9.2f %9d %8.2f %8.2f\n", name, r.per_second, r.p50_ms, r.p99_ms,
+           r.failures, bare.per_second > 0 ? r.per_second / bare.per_second : 0,
+           bare.p99_ms > 0 ? r.p99_ms / bare.p99_ms : 0);
+}
+
+}  // namespace qvbench
