@@ -13,14 +13,6 @@
 #include "qv_nats_config.h"
 #include "qvhlp_list.h"
 
-// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
-// once added: the first mapping of a realm wins.
-struct quorvale_tenant_mapping_t {
-    std::string realmID;
-    std::string realmName;
-    std::string tenantID;
-};
-
 enum qv_thread_status {
     CREATING = 0,
     STARTING = 1,
