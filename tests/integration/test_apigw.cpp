@@ -16,6 +16,8 @@
 #include "qvctrl_config_kv.h"
 #include "qvctrl_request_from_apigw.h"
 #include "qvctrl_tenants.h"
+#include "qvctrl_worker_request_handlers.h"
+#include "qv_test_util.h"
 
 using qvtest::HttpTestProxy;
 using qvtest::HttpTestServer;
@@ -63,9 +65,7 @@ std::string text(const qv::json_ptr& object) {
 
 class Apigw : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        curl_global_init(CURL_GLOBAL_ALL);
-    }
+    static void SetUpTestSuite() { curl_global_init(CURL_GLOBAL_ALL); }
 
     void SetUp() override {
         setenv("CURL_CA_BUNDLE", qvtest::test_certificates().ca_cert.c_str(), 1);
@@ -274,6 +274,50 @@ TEST_F(CloudFill, FailedFetchStoresNothing) {
     for (const char* key : {"scan.r7.S01", "mimeext.r7.S01", "mimexlat.r7.S01", "ac.r7.S01"}) {
         EXPECT_EQ(raw(key), "(absent)") << key;
     }
+}
+
+// Scan clients and workers in cloud mode: a first request fills the bucket from the gateway,
+// every later one of any kind is answered from the bucket.
+TEST_F(CloudFill, RequestsInCloudModeAskTheGatewayOncePerRealmAndSid) {
+    config->cloud_mode = true;
+    const auto client = [&](const std::string& body) {
+        return qvtest::call_handler(qv_av_control_worker_client_request_handler, config.get(),
+                                    body);
+    };
+    const auto service = [&](const std::string& body) {
+        return qvtest::call_handler(qv_av_control_worker_service_request_handler, config.get(),
+                                    body);
+    };
+    EXPECT_EQ(service(R"({"Command": 203, "realmID": "r7", "SID": "S01"})"),
+              R"({"Active-content-definition":{"PDF":"JavaScript"},"ReturnCode":0})");
+    EXPECT_EQ(server.request_count(), 1u);
+    EXPECT_EQ(client(R"({"Command": 100, "realmID": "r7", "SID": "S01", "RequestID": "q"})"),
+              R"({"SCAN":{"MAXSIZE":"100"},"ReturnCode":0,"ReplytoRequestID":"q"})");
+    EXPECT_EQ(service(R"({"Command": 205, "realmID": "r7", "SID": "S01"})"),
+              R"({"MIME-translations":{"application/x-pdf":"application/pdf"},"ReturnCode":0})");
+    EXPECT_EQ(server.request_count(), 1u);
+
+    // The tenant: the gateway's answer for the realm with SID "default", then kept in the bucket.
+    EXPECT_EQ(client(R"({"Command": 5, "realmID": "r7", "RequestID": "t"})"),
+              R"({ "ReplytoRequestID":"t","ReturnCode" : 0 , "tenantID" : "tenant-7", )"
+              R"("realmName" : "Realm Seven" })");
+    EXPECT_EQ(raw("tenant.r7"), R"({"tenantID":"tenant-7","realmName":"Realm Seven"})");
+    ASSERT_EQ(server.request_count(), 2u);
+    EXPECT_EQ(server.requests()[1].target, "/configurations/control?realmId=r7&sidName=default");
+    EXPECT_EQ(client(R"({"Command": 6, "realmID": "r7", "SID": "S01", "Hostname": "h",)"
+                     R"( "RequestID": "i", "Services": []})"),
+              R"({"ReplytoRequestID":"i","tenantID":"tenant-7","realmName":"Realm Seven",)"
+              R"("SCAN":{"MAXSIZE":"100"},"Services":[],"ReturnCode":0})");
+    EXPECT_EQ(server.request_count(), 2u);
+
+    // A gateway that fails answers each kind with its failure text, and nothing is cached.
+    server.respond(500, "oops");
+    EXPECT_EQ(service(R"({"Command": 204, "realmID": "r8", "SID": "S01"})"),
+              R"({"ReturnCode": -1000, "Error": "Failed to load MIME extensions mapping config"})");
+    EXPECT_EQ(client(R"({"Command": 5, "realmID": "r8", "RequestID": "t"})"),
+              R"({ "ReplytoRequestID":"t","ReturnCode" : -1000 , "Error" : "Failed to retrieve )"
+              R"(tenantID or realmName" })");
+    EXPECT_EQ(raw("mimeext.r8.S01"), "(absent)");
 }
 
 }  // namespace
