@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_load.h"
 #include "nats_server.h"
 #include "qv_nats_client.h"
 #include "qvctrl_config.h"
@@ -26,11 +27,6 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr int kServiceThreads = 10;  // the daemon's default service-side pool
 
-int s_bare_handler(void*, qv_const_request_reply_t* rr) {
-    rr->reply->json_txt = "{\"ReturnCode\": 0}";
-    return 0;
-}
-
 std::string s_registration(int worker) {
     const std::string name = "qv-av-trellix.bench-host-" + std::to_string(worker) + "_1";
     return R"({"Command": 200, "service-name": "qv-av-trellix", "worker-name": ")" + name +
@@ -39,54 +35,7 @@ std::string s_registration(int worker) {
            R"( "Timestamp": 1700000000})";
 }
 
-struct load_result {
-    double per_second = 0;
-    double p50_ms = 0;
-    double p99_ms = 0;
-    int failures = 0;
-};
-
-// `requesters` threads each send `count` requests to `service`; worker i of the fleet beats as
-// request i modulo the fleet size.
-load_result s_run_load(qv_nats_config* client, const char* service, int requesters, int count,
-                       int fleet) {
-    std::vector<std::vector<double>> latencies(static_cast<size_t>(requesters));
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    const auto t0 = clock_type::now();
-    for (int r = 0; r < requesters; ++r) {
-        threads.emplace_back([&, r] {
-            auto& mine = latencies[static_cast<size_t>(r)];
-            mine.reserve(static_cast<size_t>(count));
-            for (int i = 0; i < count; ++i) {
-                const std::string body = s_registration((r * count + i) % fleet);
-                const auto start = clock_type::now();
-                if (qv_nats_simple_request(client, service, body.c_str(), 10000, 0, nullptr) != 0) {
-                    failures++;
-                }
-                mine.push_back(
-                    std::chrono::duration<double, std::milli>(clock_type::now() - start).count());
-            }
-        });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
-    const double secs = std::chrono::duration<double>(clock_type::now() - t0).count();
-    std::vector<double> all;
-    for (const auto& l : latencies) {
-        all.insert(all.end(), l.begin(), l.end());
-    }
-    std::sort(all.begin(), all.end());
-    load_result result;
-    result.per_second = secs > 0 ? static_cast<double>(all.size()) / secs : 0;
-    result.p50_ms = all.empty() ? 0 : all[all.size() / 2];
-    result.p99_ms = all.empty() ? 0 : all[std::min(all.size() - 1, all.size() * 99 / 100)];
-    result.failures = failures.load();
-    return result;
-}
-
-void s_print(const char* name, const load_result& r) {
+void s_print(const char* name, const qvbench::load_result& r) {
     printf("%-22s %10.0f %9.2f %9.2f %9d\n", name, r.per_second, r.p50_ms, r.p99_ms, r.failures);
 }
 
@@ -111,33 +60,35 @@ int main(int argc, char** argv) {
     config->worker_registry_enabled = true;
     config->worker_registry_ttl_ms = 15000;
     config->worker_registry_sync_interval_ms = 1000;
-    auto client = qv_nats_config_new();
-    client->server_url = server.url();
-    if (qv_nats_init(config->main_nats_config.get()) != 0 || qv_nats_init(client.get()) != 0) {
+    if (qv_nats_init(config->main_nats_config.get()) != 0) {
         return 1;
     }
     std::atomic<int> stop{0};
+    qvbench::bare_responder bare_service(server.url(), "qv-bench.bare");
     if (qv_nats_start_service_handler_threads(config->main_nats_config.get(),
                                               "qv-av-worker-control",
                                               qv_av_control_worker_service_request_handler,
                                               config.get(), &stop, kServiceThreads) != 0 ||
-        qv_nats_start_service_handler_threads(config->main_nats_config.get(), "qv-bench.bare",
-                                              s_bare_handler, nullptr, &stop,
-                                              kServiceThreads) != 0) {
+        !bare_service.ok()) {
         return 1;
     }
 
     // Warm both paths (bucket binding, subscriptions) before measuring.
-    s_run_load(client.get(), "qv-av-worker-control", 1, 50, fleet);
-    s_run_load(client.get(), "qv-bench.bare", 1, 50, fleet);
+    const std::string url = server.url();
+    const auto beat = [count, fleet](int r, int i) {
+        return s_registration((r * count + i) % fleet);
+    };
+    qvbench::run_load(url, "qv-av-worker-control", 1, 50, beat);
+    qvbench::run_load(url, "qv-bench.bare", 1, 50, beat);
 
     printf("%d requesters x %d requests, fleet of %d workers, %d service threads\n", requesters,
            count, fleet, kServiceThreads);
     printf("%-22s %10s %9s %9s %9s\n", "path", "req/s", "p50 ms", "p99 ms", "failures");
-    const load_result relay =
-        s_run_load(client.get(), "qv-av-worker-control", requesters, count, fleet);
+    const qvbench::load_result relay =
+        qvbench::run_load(url, "qv-av-worker-control", requesters, count, beat);
     s_print("registration relay", relay);
-    const load_result bare = s_run_load(client.get(), "qv-bench.bare", requesters, count, fleet);
+    const qvbench::load_result bare =
+        qvbench::run_load(url, "qv-bench.bare", requesters, count, beat);
     s_print("bare request/reply", bare);
     printf("throughput ratio relay/bare: %.2f\n",
            bare.per_second > 0 ? relay.per_second / bare.per_second : 0);
@@ -161,7 +112,6 @@ int main(int argc, char** argv) {
 
     stop = 1;
     poller.join();
-    qv_nats_deinit(client.get());
     qv_nats_deinit(config->main_nats_config.get());
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "log.h"
+#include "qvhlp_curl_trace.h"
 #include "qv_json.h"
 
 namespace {
@@ -99,41 +100,6 @@ int s_payload_seek(void* arg, curl_off_t offset, int origin) {
     return CURL_SEEKFUNC_OK;
 }
 
-// Verbose transfer output at trace level: text and headers, one log line per line; payload
-// records are left out.
-int s_debug(CURL* /*handle*/, curl_infotype type, char* data, size_t size, void* /*clientp*/) {
-    const char* prefix = nullptr;
-    switch (type) {
-        case CURLINFO_TEXT:
-            prefix = "curl";
-            break;
-        case CURLINFO_HEADER_IN:
-            prefix = "curl <<";
-            break;
-        case CURLINFO_HEADER_OUT:
-            prefix = "curl >>";
-            break;
-        default:
-            return 0;
-    }
-    std::string_view text(data, size);
-    while (!text.empty()) {
-        const size_t eol = text.find('\n');
-        std::string_view line = text.substr(0, eol);
-        if (!line.empty() && line.back() == '\r') {
-            line.remove_suffix(1);
-        }
-        if (!line.empty()) {
-            log_trace("%s: %.*s", prefix, static_cast<int>(line.size()), line.data());
-        }
-        if (eol == std::string_view::npos) {
-            break;
-        }
-        text.remove_prefix(eol + 1);
-    }
-    return 0;
-}
-
 int s_gateway_request(const char* gateway_url, const char* user, const char* password,
                       const char* target_service, const char* request_json,
                       const unsigned char* body, size_t body_len, const qv_gateway_opts_t* opts,
@@ -187,7 +153,7 @@ int s_gateway_request(const char* gateway_url, const char* user, const char* pas
     curl_easy_setopt(h, CURLOPT_WRITEDATA, &response);
     if (log_get_level() > QVLOG_DEBUG) {
         curl_easy_setopt(h, CURLOPT_VERBOSE, 1L);
-        curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, s_debug);
+        curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, qvhlp_curl_trace);
     }
     if (s_is_set(user) && s_is_set(password)) {
         curl_easy_setopt(h, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));

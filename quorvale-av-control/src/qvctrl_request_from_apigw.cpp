@@ -7,13 +7,13 @@
 #include <string>
 #include <string_view>
 
-#include <strings.h>
-
 #include "log.h"
 #include "qv_json.h"
 #include "qv_validate.h"
 #include "qvctrl_component_configuration.h"
 #include "qvctrl_tenants.h"
+#include "qvctrl_worker_request_handlers.h"
+#include "qvhlp_curl_trace.h"
 
 namespace {
 
@@ -22,8 +22,6 @@ constexpr const char* kConfigurationsPath = "/configurations/control";
 constexpr size_t kUrlMax = 1024;
 // How long an operator's CA bundle stays cached between transfers: one week.
 constexpr long kCaCacheSeconds = 604800;
-// How much of one verbose line the trace shows.
-constexpr size_t kTraceLineMax = 512;
 
 std::atomic<long> s_connect_timeout_ms{10000};
 std::atomic<long> s_total_timeout_ms{30000};
@@ -49,68 +47,6 @@ size_t s_receive(char* data, size_t size, size_t nmemb, void* userdata) {
         return 0;
     }
     return chunk;
-}
-
-bool s_starts_with_nocase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() &&
-           strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
-// One verbose line for the trace. The credentials of an Authorization header never reach it:
-// only the header's name and scheme are shown.
-void s_trace_line(const char* direction, std::string_view line) {
-    if (s_starts_with_nocase(line, "authorization:") ||
-        s_starts_with_nocase(line, "proxy-authorization:")) {
-        const size_t colon = line.find(':');
-        std::string_view value = line.substr(colon + 1);
-        while (!value.empty() && value.front() == ' ') {
-            value.remove_prefix(1);
-        }
-        const std::string_view scheme = value.substr(0, value.find(' '));
-        log_trace("curl %s %.*s: %.*s [redacted]", direction, static_cast<int>(colon), line.data(),
-                  static_cast<int>(scheme.size()), scheme.data());
-        return;
-    }
-    log_trace("curl %s %s", direction, qv_escape_for_log(line, kTraceLineMax).c_str());
-}
-
-// libcurl's verbose output: its own texts and the headers both ways, line by line; bodies and
-// TLS records stay out.
-int s_debug(CURL* /*handle*/, curl_infotype type, char* data, size_t size, void* /*user*/) {
-    const char* direction = nullptr;
-    switch (type) {
-        case CURLINFO_TEXT:
-            direction = "*";
-            break;
-        case CURLINFO_HEADER_IN:
-            direction = "<";
-            break;
-        case CURLINFO_HEADER_OUT:
-            direction = ">";
-            break;
-        default:
-            return 0;
-    }
-    try {
-        std::string_view text(data, size);
-        while (!text.empty()) {
-            const size_t eol = text.find('\n');
-            std::string_view line = text.substr(0, eol);
-            if (!line.empty() && line.back() == '\r') {
-                line.remove_suffix(1);
-            }
-            if (!line.empty()) {
-                s_trace_line(direction, line);
-            }
-            if (eol == std::string_view::npos) {
-                break;
-            }
-            text.remove_prefix(eol + 1);
-        }
-    } catch (const std::exception&) {
-        // A trace line that cannot be built is dropped; the transfer goes on.
-    }
-    return 0;
 }
 
 // The proxy as the log shows it: a password in its user part is masked.
@@ -172,7 +108,7 @@ bool s_set_options(CURL* curl, const std::string& url, const quorvale_control_co
     set(CURLOPT_CONNECTTIMEOUT_MS, s_connect_timeout_ms.load());
     set(CURLOPT_TIMEOUT_MS, s_total_timeout_ms.load());
     set(CURLOPT_VERBOSE, 1L);
-    set(CURLOPT_DEBUGFUNCTION, s_debug);
+    set(CURLOPT_DEBUGFUNCTION, qvhlp_curl_trace);
     if (config->network_config && !config->network_config->http_proxy.empty()) {
         const std::string& proxy = config->network_config->http_proxy;
         log_info("Using http proxy: %s",
@@ -285,15 +221,8 @@ int s_fetch(quorvale_control_config_t* config, const char* realmID, const char* 
     }
     log_debug("Got reply for realmID %s and SID %s", realmID, SID);
 
-    const char* parse_error = nullptr;
-    qv::json_ptr answer = qv_json_parse_object(reply.body, &parse_error);
+    qv::json_ptr answer = qvctrl_decode_request(reply.body);
     if (!answer) {
-        if (parse_error != nullptr && strcmp(parse_error, "Failed to create JSON tokener") == 0) {
-            log_error("Failed to create JSON tokener");
-        } else {
-            log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
-                      parse_error != nullptr ? parse_error : "");
-        }
         return -1;
     }
     json_object* result = nullptr;

@@ -112,9 +112,9 @@ TEST_F(GatewayTest, PostsTheRequestAsMultipartFormWithServiceHeaderAndBasicAuth)
 
     // At trace level the transfer is narrated line by line, headers included.
     const std::string log = log_text();
-    EXPECT_NE(log.find("curl >>: POST /vsi HTTP/1.1"), std::string::npos) << log;
-    EXPECT_NE(log.find("curl >>: X-Target-Service: qv-av-control"), std::string::npos);
-    EXPECT_NE(log.find("curl <<: HTTP/1.1 200 OK"), std::string::npos);
+    EXPECT_NE(log.find("curl > POST /vsi HTTP/1.1"), std::string::npos) << log;
+    EXPECT_NE(log.find("curl > X-Target-Service: qv-av-control"), std::string::npos);
+    EXPECT_NE(log.find("curl < HTTP/1.1 200 OK"), std::string::npos);
     EXPECT_NE(log.find("qv_http_gateway_client: POST " + server.url("/vsi") +
                        " service=qv-av-control json_len=" + std::to_string(strlen(request_)) +
                        " body_len=0 timeout=10000ms"),
