@@ -11,6 +11,7 @@
 #include "qv_json.h"
 #include "qv_validate.h"
 #include "qvctrl_flush_worker_caches.h"
+#include "qvctrl_worker_request_handlers.h"
 
 namespace {
 
@@ -82,16 +83,9 @@ qv::json_ptr qvctrl_component_configuration_parse_to_json(const char* key,
     if (decoded.empty()) {
         return nullptr;
     }
-    const char* error = nullptr;
-    qv::json_ptr object = qv_json_parse_object(
-        std::string_view(reinterpret_cast<const char*>(decoded.data()), decoded.size()), &error);
+    qv::json_ptr object = qvctrl_decode_request(
+        std::string(reinterpret_cast<const char*>(decoded.data()), decoded.size()));
     if (!object) {
-        if (error != nullptr && std::string_view(error) == "Failed to create JSON tokener") {
-            log_error("Failed to create JSON tokener");
-        } else {
-            log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
-                      error != nullptr ? error : "");
-        }
         return nullptr;
     }
     log_debug("Parsed %s config to JSON", key);

@@ -10,8 +10,9 @@
 #include "qv_handles.h"
 #include "qv_request_reply_types.h"
 
-// The request of every control service: null (logged) unless the whole text is one JSON object.
-// Trailing text, an embedded NUL included, and any other JSON value are undecodable.
+// A request of any control service (and a gateway answer or a delivered configuration, which must
+// be objects as well): null (logged) unless the whole text is one JSON object. Trailing text, an
+// embedded NUL included, and any other JSON value are undecodable.
 qv::json_ptr qvctrl_decode_request(const std::string& text);
 
 // Context: the daemon's configuration record. 0 when the request was decoded (an unknown command
