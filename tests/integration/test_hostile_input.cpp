@@ -652,6 +652,7 @@ TEST_F(HostileConfigDaemon, VsaAndTenantRequestsRefuseWhatIsNoRealmSidOrRequestI
     const std::string vsa_ok = bus->request(service, body_of(vsa));
     ASSERT_EQ(vsa_ok.rfind("{\"SCAN\":[[", 0), 0u) << vsa_ok;
     const std::set<std::string> hit = subjects_of(service, body_of(vsa));
+    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
     const std::string tenant_ok = bus->request(service, body_of(tenant));
     EXPECT_EQ(tenant_ok, R"({"ReplytoRequestID":"id-1","ReturnCode":0,"tenantID":"on-premises",)"
                          R"("realmName":"local"})");
@@ -728,6 +729,7 @@ TEST_F(HostileConfigDaemon, ConsolidatedInitFailsAsAWholeOnWhatIsNoRealmSidOrReq
               0u)
         << ok;
     const std::set<std::string> hit = subjects_of(service, body_of(init));
+    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
 
     const std::string failed = "CONSOLIDATED_INIT failed";
     std::vector<Case> refused;
