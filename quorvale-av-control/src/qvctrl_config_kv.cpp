@@ -61,10 +61,13 @@ qv::json_ptr qvctrl_config_kv_get(quorvale_control_config_t* config, const char*
         value.empty()) {
         return nullptr;
     }
+    // Any client with credentials may write the bucket: a value that is JSON but no object is
+    // no configuration either, and the callers add members to what they get.
     qv::json_ptr object = qv_json_parse(value);
-    if (!object) {
+    if (!object || !json_object_is_type(object.get(), json_type_object)) {
         log_error("config KV: corrupt JSON stored under key '%s' — treating as a miss",
                   key.c_str());
+        return nullptr;
     }
     return object;
 }

@@ -4,8 +4,12 @@
 // bucket write, no JetStream call, no forward), and the buckets hold nothing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +25,7 @@
 #include "qvctrl_adjust_worker_capacity.h"
 #include "qvctrl_flush_worker_caches.h"
 #include "qvctrl_registry_poller.h"
+#include "qvctrl_scan_config_requests.h"
 
 using namespace std::string_literals;
 using qvtest::DaemonProcess;
@@ -205,6 +210,74 @@ struct Case {
     std::string reply;
 };
 
+// A request as its members in order: name and JSON text; a member without text is left out.
+using Members = std::vector<std::pair<std::string, std::optional<std::string>>>;
+
+std::string body_of(const Members& members) {
+    std::string out;
+    for (const auto& [name, value] : members) {
+        if (value) {
+            out += (out.empty() ? "{" : ", ") + quoted(name) + ": " + *value;
+        }
+    }
+    return out.empty() ? "{}" : out + "}";
+}
+
+// `members` with `name` set to `value` (nullopt: left out), or added at the end.
+Members with(Members members, const std::string& name, std::optional<std::string> value) {
+    for (auto& member : members) {
+        if (member.first == name) {
+            member.second = std::move(value);
+            return members;
+        }
+    }
+    members.emplace_back(name, std::move(value));
+    return members;
+}
+
+// What a required string member can be instead of a usable string: absent, empty, null, a
+// number, an array, an object.
+const std::vector<std::optional<std::string>> kNoStrings = {std::nullopt, "\"\"",     "null",
+                                                            "7",          "[\"r1\"]", "{}"};
+
+// Realms and SIDs that are no single name, and one of a character more than a key may hold.
+std::vector<std::string> hostile_realms() {
+    std::vector<std::string> names = kHostileNames;
+    names.insert(names.end(), {"..", ".", "/", "a/b", "../x", "$", std::string(512, 'r')});
+    return names;
+}
+
+// RequestIDs that are identifiers of a sort and are echoed as they came.
+const std::vector<std::string> kOddRequestIds = {"a\"b\\c", "\r\n\t\x01\x7f", "a\0b"s, "</>",
+                                                 std::string(QVCTRL_REQUEST_ID_MAX, 'i')};
+
+// The failure replies that echo the request's RequestID.
+std::string echo_failure(const std::string& id, const std::string& text) {
+    return "{\"ReplytoRequestID\":" + quoted(id) + ",\"ReturnCode\":-1000,\"Error\":\"" + text +
+           "\"}";
+}
+
+// `reference`, the reply to RequestID "id-1", as it answers `id`.
+std::string answering(std::string reference, const std::string& id) {
+    const std::string plain = "\"ReplytoRequestID\":\"id-1\"";
+    const size_t at = reference.find(plain);
+    EXPECT_NE(at, std::string::npos) << reference;
+    return at == std::string::npos
+               ? reference
+               : reference.replace(at, plain.size(), "\"ReplytoRequestID\":" + quoted(id));
+}
+
+// Regular files below `root`.
+std::set<std::string> files_under(const std::string& root) {
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.is_regular_file()) {
+            files.insert(entry.path().string());
+        }
+    }
+    return files;
+}
+
 // The daemon with its background bucket reads done, so that from here on only requests make it
 // talk to the server.
 class HostileDaemon : public ::testing::Test {
@@ -220,6 +293,7 @@ class HostileDaemon : public ::testing::Test {
         daemon.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "1";
         daemon.control_keys["WORKER_REGISTRY_SYNC_INTERVAL"] = "3600";
         daemon.control_keys["EVENT_SUBSCRIPTION_SYNC_INTERVAL"] = "3600";
+        configure();
         daemon.write_config();
         ASSERT_TRUE(daemon.start());
         ASSERT_TRUE(daemon.wait_for_log("Entering main loop")) << daemon.logs();
@@ -234,6 +308,8 @@ class HostileDaemon : public ::testing::Test {
         bus.reset();
         EXPECT_EQ(daemon.stop(), 0);
     }
+    // Settings and files of a fixture's own, before the daemon starts.
+    virtual void configure() {}
     // Each request gets its reply and the server sees nothing but that exchange.
     void expect_refused(const std::string& service, const std::vector<Case>& cases) {
         for (const Case& c : cases) {
@@ -242,9 +318,68 @@ class HostileDaemon : public ::testing::Test {
             EXPECT_EQ(bus->strays(service), std::vector<std::string>{}) << shown;
         }
     }
+    // Requests that are answered although they carry hostile values where those go nowhere: the
+    // server sees no subject but those in `allowed` (the bucket reads of a plain request) besides
+    // the exchange and the daemon's reply inboxes.
+    void expect_answered(const std::string& service, const std::vector<Case>& cases,
+                         const std::set<std::string>& allowed) {
+        for (const Case& c : cases) {
+            const std::string shown = qv_escape_for_log(c.body, 100);
+            EXPECT_EQ(bus->request(service, c.body), c.reply) << shown;
+            for (const std::string& s : bus->strays(service)) {
+                if (s.rfind("_INBOX.", 0) != 0) {
+                    EXPECT_TRUE(allowed.count(s)) << s << " after " << shown;
+                }
+            }
+        }
+    }
+    // The subjects other than reply inboxes that a request makes the daemon use.
+    std::set<std::string> subjects_of(const std::string& service, const std::string& body) {
+        bus->request(service, body);
+        std::set<std::string> out;
+        for (const std::string& s : bus->strays(service)) {
+            if (s.rfind("_INBOX.", 0) != 0) {
+                out.insert(s);
+            }
+        }
+        return out;
+    }
     void expect_still_answering() {
         EXPECT_EQ(bus->request("qv-av-control.ping", R"({"Command": 3})"), kOK);
         EXPECT_TRUE(daemon.running());
+    }
+};
+
+// With configuration files for every kind, so that a plain request is answered from them.
+class HostileConfigDaemon : public HostileDaemon {
+  protected:
+    void configure() override {
+        const std::string config = daemon.basedir() + "/config";
+        qvtest::write_file(config + "/vsa/scan.default.default", "MaxFileSize=100\nArchives=1\n");
+        qvtest::write_file(config + "/mime/mimetype_to_extensions_mappings.default.default",
+                           "application/pdf->pdf\n");
+        qvtest::write_file(config + "/mime/mimetype-translations.default.default",
+                           "application/x-pdf->application/pdf\n");
+    }
+    std::vector<std::string> config_keys() {
+        auto client = qv_client(server);
+        std::vector<std::string> keys = bucket_keys(client.get(), QV_KV_CONFIG_BUCKET);
+        std::sort(keys.begin(), keys.end());
+        qv_nats_deinit(client.get());
+        return keys;
+    }
+};
+
+// Logging as JSON lines into a tree of its own, split by realm.
+class HostileJsonLogDaemon : public HostileDaemon {
+  protected:
+    std::string log_tree() const { return daemon.basedir() + "/logs"; }
+    void configure() override {
+        daemon.control_keys["JSON_LOG"] = "1";
+        daemon.control_keys["SPLIT_LOGS_BY_REALM"] = "1";
+        for (const std::string kind : {"SCAN", "BLOCK", "UPDATE", "STATUS", "ERROR"}) {
+            daemon.control_keys[kind + "_LOG_BASEDIR"] = log_tree() + "/" + kind;
+        }
     }
 };
 
@@ -503,4 +638,307 @@ TEST(HostileSubscriptionEntries, AreNeverProjectedNorForwardedTo) {
     stop = 1;
     qv_nats_deinit(handler_connection.get());
     qv_nats_deinit(config->main_nats_config.get());
+}
+
+TEST_F(HostileConfigDaemon, VsaAndTenantRequestsRefuseWhatIsNoRealmSidOrRequestId) {
+    const std::string service = "qv-av-control";
+    const Members vsa = {{"Command", "100"},
+                         {"realmID", quoted("r1")},
+                         {"SID", quoted("PRD")},
+                         {"RequestID", quoted("id-1")}};
+    const Members tenant = {
+        {"Command", "5"}, {"realmID", quoted("r1")}, {"RequestID", quoted("id-1")}};
+    // The first one is built from the files and written back; the next one is a bucket hit.
+    const std::string vsa_ok = bus->request(service, body_of(vsa));
+    ASSERT_EQ(vsa_ok.rfind("{\"SCAN\":[[", 0), 0u) << vsa_ok;
+    const std::set<std::string> hit = subjects_of(service, body_of(vsa));
+    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
+    const std::string tenant_ok = bus->request(service, body_of(tenant));
+    EXPECT_EQ(tenant_ok, R"({"ReplytoRequestID":"id-1","ReturnCode":0,"tenantID":"on-premises",)"
+                         R"("realmName":"local"})");
+    EXPECT_EQ(bus->strays(service), std::vector<std::string>{});
+
+    const std::string vsa_failed = "Failed to load SCAN config";
+    const std::string tenant_failed = "Failed to retrieve tenantID or realmName";
+    std::vector<Case> refused;
+    for (const auto& bad : kNoStrings) {
+        // Kept: a RequestID that was not read is echoed as "(null)".
+        for (const char* name : {"realmID", "SID", "RequestID"}) {
+            refused.push_back({body_of(with(vsa, name, bad)), echo_failure("(null)", vsa_failed)});
+        }
+        for (const char* name : {"realmID", "RequestID"}) {
+            refused.push_back(
+                {body_of(with(tenant, name, bad)), echo_failure("(null)", tenant_failed)});
+        }
+    }
+    for (const std::string& name : hostile_realms()) {
+        refused.push_back(
+            {body_of(with(vsa, "realmID", quoted(name))), echo_failure("id-1", vsa_failed)});
+        refused.push_back(
+            {body_of(with(vsa, "SID", quoted(name))), echo_failure("id-1", vsa_failed)});
+        refused.push_back(
+            {body_of(with(tenant, "realmID", quoted(name))), echo_failure("id-1", tenant_failed)});
+    }
+    // Two names that are keys each but too long for one key together.
+    refused.push_back({body_of(with(with(vsa, "realmID", quoted(std::string(300, 'r'))), "SID",
+                                    quoted(std::string(300, 's')))),
+                       echo_failure("id-1", vsa_failed)});
+    // A RequestID longer than any identifier is refused and not echoed.
+    for (const size_t length : {QVCTRL_REQUEST_ID_MAX + 1, size_t{100000}}) {
+        const std::string id = quoted(std::string(length, 'i'));
+        refused.push_back({body_of(with(vsa, "RequestID", id)), echo_failure("", vsa_failed)});
+        refused.push_back(
+            {body_of(with(tenant, "RequestID", id)), echo_failure("", tenant_failed)});
+    }
+    for (const std::string& body : kNotObjects) {
+        refused.push_back({body, kUndecodable});
+    }
+    expect_refused(service, refused);
+
+    std::vector<Case> answered;
+    for (const std::string& id : kOddRequestIds) {
+        answered.push_back({body_of(with(vsa, "RequestID", quoted(id))), answering(vsa_ok, id)});
+        answered.push_back(
+            {body_of(with(tenant, "RequestID", quoted(id))), answering(tenant_ok, id)});
+    }
+    expect_answered(service, answered, hit);
+
+    // A stored value that is JSON but no configuration is a miss like one that is no JSON: the
+    // files are read again and replace it.
+    for (const std::string stored : {"[1]", "\"x\"", "3", "null", "{not json"}) {
+        ASSERT_TRUE(bus->store(std::string("$KV.") + QV_KV_CONFIG_BUCKET + ".scan.r1.PRD", stored));
+        EXPECT_EQ(bus->request(service, body_of(vsa)), vsa_ok) << stored;
+    }
+    bus->seen();
+    EXPECT_EQ(config_keys(), std::vector<std::string>{"scan.r1.PRD"});
+    expect_still_answering();
+}
+
+TEST_F(HostileConfigDaemon, ConsolidatedInitFailsAsAWholeOnWhatIsNoRealmSidOrRequestId) {
+    const std::string service = "qv-av-control";
+    const Members init = {{"Command", "6"},
+                          {"realmID", quoted("r1")},
+                          {"SID", quoted("PRD")},
+                          {"Hostname", quoted("sap01")},
+                          {"RequestID", quoted("id-1")},
+                          {"Services", "[]"}};
+    const std::string ok = bus->request(service, body_of(init));
+    ASSERT_EQ(ok.rfind(R"({"ReplytoRequestID":"id-1","tenantID":"on-premises","realmName":"local",)"
+                       R"("SCAN":[[")",
+                       0),
+              0u)
+        << ok;
+    const std::set<std::string> hit = subjects_of(service, body_of(init));
+    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
+
+    const std::string failed = "CONSOLIDATED_INIT failed";
+    std::vector<Case> refused;
+    for (const auto& bad : kNoStrings) {
+        for (const char* name : {"realmID", "SID", "Hostname", "RequestID"}) {
+            refused.push_back({body_of(with(init, name, bad)), echo_failure("", failed)});
+        }
+    }
+    for (const std::string& name : hostile_realms()) {
+        refused.push_back(
+            {body_of(with(init, "realmID", quoted(name))), echo_failure("id-1", failed)});
+        refused.push_back({body_of(with(init, "SID", quoted(name))), echo_failure("id-1", failed)});
+    }
+    refused.push_back({body_of(with(with(init, "realmID", quoted(std::string(300, 'r'))), "SID",
+                                    quoted(std::string(300, 's')))),
+                       echo_failure("id-1", failed)});
+    for (const size_t length : {QVCTRL_REQUEST_ID_MAX + 1, size_t{100000}}) {
+        refused.push_back({body_of(with(init, "RequestID", quoted(std::string(length, 'i')))),
+                           echo_failure("", failed)});
+    }
+    // "Services" must be an array of a sensible length.
+    std::string too_many = "[";
+    for (int i = 0; i < 257; ++i) {
+        too_many += i == 0 ? "1" : ",1";
+    }
+    too_many += "]";
+    for (const auto& services : std::vector<std::optional<std::string>>{
+             std::nullopt, "\"qv-av-trellix\"", "{}", "7", "null", quoted(std::string(100000, 's')),
+             too_many}) {
+        refused.push_back(
+            {body_of(with(init, "Services", services)), echo_failure("id-1", failed)});
+    }
+    for (const std::string& body : kNotObjects) {
+        refused.push_back({body, kUndecodable});
+    }
+    expect_refused(service, refused);
+
+    // Host names go nowhere, elements that are no strings are skipped, and a service name is
+    // looked up among the registered workers only, however it reads.
+    std::vector<Case> answered;
+    for (const std::string& id : kOddRequestIds) {
+        answered.push_back({body_of(with(init, "RequestID", quoted(id))), answering(ok, id)});
+    }
+    for (const char* name : {"Hostname", "SAP-VirtualHostname", "SAP-VirtualHostnameLong"}) {
+        answered.push_back({body_of(with(init, name, quoted(kInjection))), ok});
+        answered.push_back({body_of(with(init, name, quoted(std::string(100000, 'h')))), ok});
+    }
+    answered.push_back({body_of(with(init, "Services", R"([7, null, {}, [], true])")), ok});
+    std::string absent = ok;
+    const std::string no_services = "\"Services\":[]";
+    absent.replace(
+        absent.find(no_services), no_services.size(),
+        R"("Services":[{"Servicename":"w\r\npub $js.api.stream.delete.kv_qv-av-config 0",)"
+        R"("Driverinfo":{"Present":false,"ReturnCode":-1000}},{"Servicename":")" +
+            std::string(QV_VALUE_MAX, 's') +
+            R"(","Driverinfo":{"Present":false,"ReturnCode":-1000}}])");
+    answered.push_back(
+        {body_of(with(init, "Services",
+                      "[" + quoted(kInjection) + ", " + quoted(std::string(100000, 'S')) + "]")),
+         absent});
+    expect_answered(service, answered, hit);
+
+    EXPECT_EQ(config_keys(), std::vector<std::string>{"scan.r1.PRD"});
+    expect_still_answering();
+}
+
+TEST_F(HostileConfigDaemon, WorkerConfigurationRequestsRefuseWhatIsNoRealmOrSid) {
+    const std::string service = "qv-av-worker-control";
+    const Members base = {{"Command", "203"}, {"realmID", quoted("r1")}, {"SID", quoted("PRD")}};
+    struct Kind {
+        int command;
+        std::string failure;
+        std::string ok;
+    };
+    std::vector<Kind> kinds = {{203, "Failed to load activecontent config", ""},
+                               {204, "Failed to load MIME extensions mapping config", ""},
+                               {205, "Failed to load MIME translation config", ""}};
+    std::set<std::string> hits;
+    for (Kind& kind : kinds) {
+        const std::string body = body_of(with(base, "Command", std::to_string(kind.command)));
+        kind.ok = bus->request(service, body);
+        EXPECT_NE(kind.ok.find(",\"ReturnCode\":0}"), std::string::npos) << kind.ok;
+        hits.merge(subjects_of(service, body));
+    }
+    const std::string hash = bus->request(service, R"({"Command": 11})");
+    ASSERT_EQ(hash.rfind(R"({"ReturnCode":-1000,"Confighash":")", 0), 0u) << hash;
+
+    std::vector<Case> refused;
+    for (const Kind& kind : kinds) {
+        const Members request = with(base, "Command", std::to_string(kind.command));
+        const std::string failure = error_reply(-1000, kind.failure);
+        // "Command" is read after realm and SID: a request that fails before it names the
+        // extension map, whatever it asked for.
+        const std::string unread =
+            error_reply(-1000, kind.command == 205 ? kinds[1].failure : kind.failure);
+        for (const auto& bad : kNoStrings) {
+            refused.push_back({body_of(with(request, "realmID", bad)), unread});
+            refused.push_back({body_of(with(request, "SID", bad)), unread});
+        }
+        for (const std::string& name : hostile_realms()) {
+            refused.push_back({body_of(with(request, "realmID", quoted(name))), failure});
+            refused.push_back({body_of(with(request, "SID", quoted(name))), failure});
+        }
+        refused.push_back({body_of(with(with(request, "realmID", quoted(std::string(300, 'r'))),
+                                        "SID", quoted(std::string(300, 's')))),
+                           failure});
+    }
+    for (const std::string& body : kNotObjects) {
+        refused.push_back({body, kUndecodable});
+    }
+    // The hash request reads nothing of the request.
+    refused.push_back({body_of({{"Command", "11"},
+                                {"realmID", quoted(kInjection)},
+                                {"SID", quoted(std::string(100000, 's'))}}),
+                       hash});
+    expect_refused(service, refused);
+
+    // Members a request does not use change nothing.
+    std::vector<Case> answered;
+    for (const Kind& kind : kinds) {
+        answered.push_back({body_of(with(with(with(base, "Command", std::to_string(kind.command)),
+                                              "RequestID", quoted(std::string(100000, 'i'))),
+                                         "Hostname", quoted(kInjection))),
+                            kind.ok});
+    }
+    expect_answered(service, answered, hits);
+
+    EXPECT_EQ(config_keys(),
+              (std::vector<std::string>{"ac.r1.PRD", "mimeext.r1.PRD", "mimexlat.r1.PRD"}));
+    expect_still_answering();
+}
+
+TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
+    const std::string service = "qv-av-log";
+    const std::set<std::string> before = files_under(daemon.root());
+    const Members envelope = {{"LogVersion", "1"},
+                              {"Timestamp_epoch", "0"},
+                              {"Component", quoted("qv-av-trellix")},
+                              {"Hostname", quoted("node7")},
+                              {"EventID", quoted("e-1")},
+                              {"realmID", quoted("r1")},
+                              {"ScanLog", R"({"LogData": {"Filename": "a"}, "ScanLogPath": "p"})"},
+                              {"ErrorLog", R"({"LogData": {"Message": "x"}})"}};
+    // Text that would be a line of its own, and one far longer than any field.
+    const std::string forged = "a\r\n{\"LogType\":\"forged\"}\r\n\n\rb";
+    const std::string huge(100000, 'h');
+    auto scan = [](const std::string& value) {
+        return R"({"LogData": {"Filename": )" + value + R"(, "RealmID": "../x"}, "ScanLogPath": )" +
+               value + "}";
+    };
+    const std::vector<Case> written = {
+        {body_of(envelope), kOK},
+        {body_of(with(with(with(envelope, "Hostname", quoted(forged)), "EventID", quoted(forged)),
+                      "Component", quoted(forged))),
+         kOK},
+        {body_of(with(envelope, "ScanLog", scan(quoted(forged)))), kOK},
+        {body_of(with(with(with(envelope, "Hostname", quoted(huge)), "Timestamp", quoted(huge)),
+                      "ScanLog", scan(quoted(huge)))),
+         kOK},
+        // No realm: the lines go to the base directories themselves.
+        {body_of(with(envelope, "realmID", std::nullopt)), kOK},
+        // No LogData, and an EPO section: no line.
+        {body_of(with(
+             with(with(envelope, "ScanLog", R"({"ScanLogPath": "p"})"), "ErrorLog", std::nullopt),
+             "EPOLog", R"({"LogData": {"a": 1}})")),
+         kOK},
+    };
+    const size_t lines_written = 10;
+    std::vector<Case> refused;
+    std::vector<std::string> realms = hostile_realms();
+    realms.insert(realms.end(), {"/etc", "../../x", "r1/../../x"});
+    for (const std::string& realm : realms) {
+        refused.push_back({body_of(with(envelope, "realmID", quoted(realm))),
+                           error_reply(-1000, "Invalid realm")});
+    }
+    for (const char* realm : {"7", "[\"r1\"]", "{}"}) {
+        refused.push_back(
+            {body_of(with(envelope, "realmID", realm)), error_reply(-1000, "Invalid realm")});
+    }
+    refused.push_back({body_of(with(envelope, "EventID", std::nullopt)),
+                       error_reply(-1000, "Failed to create log lines")});
+    refused.push_back(
+        {body_of(with(envelope, "LogVersion", "2")),
+         error_reply(-1000, "Log version 2 not supported by this logger (version 1)")});
+    expect_refused(service, written);
+    expect_refused(service, refused);
+    for (const std::string& body : kNotObjects) {
+        const std::string reply = bus->request(service, body);
+        EXPECT_EQ(reply.rfind("{\"ReturnCode\":-1000,\"Error\":\"", 0), 0u) << reply;
+    }
+
+    size_t lines = 0;
+    for (const std::string& path : files_under(daemon.root())) {
+        if (before.count(path)) {
+            continue;
+        }
+        ASSERT_EQ(path.rfind(log_tree() + "/", 0), 0u) << path;
+        const std::string text = qvtest::read_file(path);
+        for (size_t start = 0; start < text.size();) {
+            const size_t end = text.find("\r\n", start);
+            ASSERT_NE(end, std::string::npos) << path << " ends without CR LF";
+            const std::string line = text.substr(start, end - start);
+            EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos) << path;
+            qv::json_ptr parsed = qv_json_parse(line);
+            EXPECT_TRUE(parsed && json_object_is_type(parsed.get(), json_type_object)) << path;
+            ++lines;
+            start = end + 2;
+        }
+    }
+    EXPECT_EQ(lines, lines_written);
+    expect_still_answering();
 }
