@@ -93,6 +93,14 @@ struct qv_eventhandler_t {
     time_t expiration = 0;  // absolute; the handler is dropped once this has passed
 };
 
+// A realm's tenant and display name, as the API gateway delivered them. Never changed or removed
+// once added: the first mapping of a realm wins.
+struct quorvale_tenant_mapping_t {
+    std::string realmID;
+    std::string realmName;
+    std::string tenantID;
+};
+
 struct quorvale_control_config_t {
     std::unique_ptr<qv_nats_config> main_nats_config;
     std::unique_ptr<qv_nats_config> backend_amqp_config;
