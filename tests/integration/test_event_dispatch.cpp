@@ -3,7 +3,6 @@
 #include <atomic>
 #include <ctime>
 #include <list>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,58 +22,25 @@ namespace {
 constexpr const char* kBucket = QV_KV_EVENT_SUBSCRIPTIONS_BUCKET;
 constexpr const char* kService = "qv-av-events-dispatch";
 
-std::unique_ptr<qv_nats_config> client_for(const NatsServer& server) {
-    auto config = qv_nats_config_new();
-    config->server_url = server.url();
-    config->cert_path = qvtest::test_certificates().ca_cert;
-    return config;
-}
-
-// An event handler: a NATS service of this process that records what it is sent and answers
-// with `reply_code`.
-struct Recorder {
-    mutable std::mutex mutex;
-    std::vector<std::string> received;
-    int reply_code = 0;
-
-    static int handle(void* context, qv_const_request_reply_t* rr) {
-        auto* self = static_cast<Recorder*>(context);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->received.push_back(rr->request->json_txt);
-        rr->reply->json_txt = "{\"ReturnCode\": " + std::to_string(self->reply_code) + "}";
-        return 0;
-    }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received.size();
-    }
-};
+using qvtest::Recorder;
 
 // A connection of the test's own: it serves recorders and sends requests.
 struct Peer {
-    std::unique_ptr<qv_nats_config> cfg;
-    std::atomic<int> stop{0};
+    std::atomic<int> stop{0};  // outlives the connection's handler threads
     std::list<Recorder> recorders;
+    qvtest::NatsClient client;
 
-    explicit Peer(const NatsServer& server) : cfg(client_for(server)) {
-        EXPECT_EQ(qv_nats_init(cfg.get()), 0);
-    }
-    ~Peer() {
-        stop = 1;
-        qv_nats_deinit(cfg.get());
-    }
+    explicit Peer(const NatsServer& server) : client(server) {}
+    ~Peer() { stop = 1; }
     Recorder& serve(const std::string& subject) {
         Recorder& r = recorders.emplace_back();
-        EXPECT_EQ(qv_nats_start_service_handler_threads(cfg.get(), subject.c_str(),
+        EXPECT_EQ(qv_nats_start_service_handler_threads(client.get(), subject.c_str(),
                                                         Recorder::handle, &r, &stop, 1),
                   0);
         return r;
     }
     std::string request(const std::string& body) {
-        std::string err;
-        qv::json_ptr reply =
-            qv_nats_send_recv_json(cfg.get(), kService, body.c_str(), 20000, 0, &err);
-        return reply ? qv_json_to_string(reply.get()) : err;
+        return client.request(kService, body, std::chrono::seconds(20));
     }
 };
 
@@ -110,7 +76,7 @@ struct EventService : ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(server.start());
         ASSERT_EQ(server.create_buckets(), 0);
-        config->main_nats_config = client_for(server);
+        config->main_nats_config = server.client_config();
         ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
         config->event_subscription_ttl_ms = 30000;
         peer = std::make_unique<Peer>(server);
@@ -129,7 +95,7 @@ struct EventService : ::testing::Test {
         handlers().push_back({service, realms, sids, hosts, modules, time(nullptr) + 3600});
     }
     int bucket_get(const std::string& key, std::string* value) {
-        return qv_nats_kv_get(peer->cfg.get(), kBucket, key.c_str(), value);
+        return qv_nats_kv_get(peer->client.get(), kBucket, key.c_str(), value);
     }
 };
 
@@ -214,7 +180,7 @@ TEST_F(EventService, DispatchReachesEveryMatchingScope) {
     EXPECT_EQ(call(first), kOK);
     EXPECT_EQ(counts(), "1100011");
     // Forwarded whole: "Command", the event and the filter members as they came.
-    qv::json_ptr sent = qv_json_parse(any.received.at(0));
+    qv::json_ptr sent = qv_json_parse(any.received().at(0));
     ASSERT_TRUE(sent);
     EXPECT_TRUE(json_object_equal(sent.get(), qv_json_parse(first).get()));
 
@@ -269,21 +235,21 @@ TEST_F(EventService, SharedSubscriptionsFollowTheBucket) {
     EXPECT_GE(handlers().front().expiration, time(nullptr) + 31536000 - 5);
     // In the bucket a new scope applies at once; a value without members gives empty patterns.
     EXPECT_EQ(call(subscribe("qv-test.s", "qv-av-mimescan", "h2")), kOK);
-    ASSERT_EQ(qv_nats_kv_put(peer->cfg.get(), kBucket, "qv-test.bare", "{}", 0), 0);
+    ASSERT_EQ(qv_nats_kv_put(peer->client.get(), kBucket, "qv-test.bare", "{}", 0), 0);
     ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
     ASSERT_EQ(handlers().size(), 2u);
     EXPECT_EQ(handlers().front().modules + "|" + handlers().front().hostname, "qv-av-mimescan|h2");
     EXPECT_EQ(handlers().back().modules + handlers().back().realm + handlers().back().SID, "");
 
     // An unreadable value keeps the scope it replaced; a deleted key drops its handler.
-    ASSERT_EQ(qv_nats_kv_put(peer->cfg.get(), kBucket, "qv-test.s", "not json", 0), 0);
-    qv_nats_kv_delete(peer->cfg.get(), kBucket, "qv-test.bare");
+    ASSERT_EQ(qv_nats_kv_put(peer->client.get(), kBucket, "qv-test.s", "not json", 0), 0);
+    qv_nats_kv_delete(peer->client.get(), kBucket, "qv-test.bare");
     ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
     ASSERT_EQ(handlers().size(), 1u);
     EXPECT_EQ(handlers().front().hostname, "h2");
 
     // Without the server nothing can be read, so nothing is dropped.
-    qv_nats_kv_delete(peer->cfg.get(), kBucket, "qv-test.s");
+    qv_nats_kv_delete(peer->client.get(), kBucket, "qv-test.s");
     server.stop();
     EXPECT_EQ(qvctrl_event_sub_reconcile(config.get()), -1);
     EXPECT_EQ(handlers().size(), 1u);
@@ -307,9 +273,7 @@ TEST(EventDaemon, LocalModeServesSubscribersOfThisDaemon) {
     DaemonProcess d;
     d.use_nats(server.url(), "control");
     d.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "0";
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+    ASSERT_TRUE(d.start_serving()) << d.logs();
     EXPECT_EQ(d.logs().find("Starting event-subscription watcher thread"), std::string::npos);
 
     EXPECT_EQ(peer.request(subscribe("qv-test.local", "qv-av-trellix;qv-av-mime*")),

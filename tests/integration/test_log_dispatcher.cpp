@@ -4,17 +4,14 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <semaphore.h>
 #include <spawn.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,46 +30,23 @@ extern char** environ;
 
 namespace {
 
-// A service that answers every request and keeps its text, optionally after a pause, and that
-// can be told to reject the next few requests.
-struct Recorder {
-    std::mutex mutex;
-    std::vector<std::string> bodies;
-    std::atomic<int> reject{0};
-    std::atomic<int> delay_ms{0};
+using qvtest::list_dir;
+using qvtest::Recorder;
 
-    std::set<std::string> distinct() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return {bodies.begin(), bodies.end()};
+// Queues `count` status log entries "<text> <n>" as a producer would; the messages queued.
+std::vector<qv::json_ptr> enqueue_status(qv_pqueue* pq, const std::string& text, int first,
+                                         int count) {
+    std::vector<qv::json_ptr> messages;
+    for (int i = first; i < first + count; ++i) {
+        qv::json_ptr msg = qv_log_create_message();
+        qv::json_ptr data(json_object_new_object());
+        json_object_object_add(data.get(), "Message",
+                               json_object_new_string((text + " " + std::to_string(i)).c_str()));
+        EXPECT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", std::move(data)), 0);
+        EXPECT_EQ(qv_log_enqueue(pq, 'L', msg.get()), 0);
+        messages.push_back(std::move(msg));
     }
-};
-
-int s_recording_handler(void* context, qv_const_request_reply_t* rr) {
-    auto* recorder = static_cast<Recorder*>(context);
-    if (recorder->delay_ms > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(recorder->delay_ms.load()));
-    }
-    if (recorder->reject.fetch_sub(1) > 0) {
-        return qv_reply_set_ERROR(rr->reply, -1, "rejected by test");
-    }
-    {
-        std::lock_guard<std::mutex> lock(recorder->mutex);
-        recorder->bodies.push_back(rr->request->json_txt);
-    }
-    return qv_reply_set_OK(rr->reply);
-}
-
-std::vector<std::string> files_in(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') {
-                names.emplace_back(e->d_name);
-            }
-        }
-        closedir(d);
-    }
-    return names;
+    return messages;
 }
 
 pid_t spawn(std::vector<std::string> args) {
@@ -105,10 +79,10 @@ struct LogDispatcherService : ::testing::Test {
         service = connect();
         ASSERT_TRUE(service);
         ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-log",
-                                                        s_recording_handler, &logs, &stop, 2),
+                                                        Recorder::handle, &logs, &stop, 2),
                   0);
         ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-events-dispatch",
-                                                        s_recording_handler, &events, &stop, 1),
+                                                        Recorder::handle, &events, &stop, 1),
                   0);
         pq = qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 10000, 50000000, O_CREAT,
                             RINGBUFFER);
@@ -123,9 +97,7 @@ struct LogDispatcherService : ::testing::Test {
     }
 
     std::unique_ptr<qv_nats_config> connect() {
-        auto cfg = qv_nats_config_new();
-        cfg->server_url = server.url();
-        cfg->cert_path = qvtest::test_certificates().ca_cert;
+        auto cfg = server.client_config();
         if (qv_nats_init(cfg.get()) != 0) {
             return nullptr;
         }
@@ -135,13 +107,7 @@ struct LogDispatcherService : ::testing::Test {
     // Pushes `count` log entries as a producer would; returns their texts.
     std::set<std::string> push_logs(int first, int count) {
         std::set<std::string> texts;
-        for (int i = first; i < first + count; ++i) {
-            qv::json_ptr msg = qv_log_create_message();
-            qv::json_ptr data(json_object_new_object());
-            json_object_object_add(data.get(), "Message",
-                                   json_object_new_string(("entry " + std::to_string(i)).c_str()));
-            EXPECT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", std::move(data)), 0);
-            EXPECT_EQ(qv_log_enqueue(pq.get(), 'L', msg.get()), 0);
+        for (const qv::json_ptr& msg : enqueue_status(pq.get(), "entry", first, count)) {
             texts.insert(qv_json_to_string(msg.get()));
         }
         return texts;
@@ -149,7 +115,7 @@ struct LogDispatcherService : ::testing::Test {
 
     std::set<std::string> on_disk() {
         std::set<std::string> texts;
-        for (const std::string& name : files_in(pq->queue_data_dir)) {
+        for (const std::string& name : list_dir(pq->queue_data_dir)) {
             texts.insert(qvtest::read_file(pq->queue_data_dir + "/" + name));
         }
         return texts;
@@ -157,7 +123,7 @@ struct LogDispatcherService : ::testing::Test {
 
     size_t claimed_files(const std::string& prefix) {
         size_t n = 0;
-        for (const std::string& name : files_in(pq->queue_data_dir)) {
+        for (const std::string& name : list_dir(pq->queue_data_dir)) {
             n += name.rfind(prefix, 0) == 0 ? 1 : 0;
         }
         return n;
@@ -223,12 +189,8 @@ TEST_F(LogDispatcherService, ProcessKilledMidBatchLosesNothing) {
     EXPECT_EQ(accounted, pushed);
 
     // Claims count as stale an hour after their push; let that hour pass for the files.
-    struct timeval old[2];
-    gettimeofday(&old[0], nullptr);
-    old[0].tv_sec -= 7200;
-    old[1] = old[0];
-    for (const std::string& name : files_in(pq->queue_data_dir)) {
-        ASSERT_EQ(utimes((pq->queue_data_dir + "/" + name).c_str(), old), 0);
+    for (const std::string& name : list_dir(pq->queue_data_dir)) {
+        ASSERT_TRUE(qvtest::set_age(pq->queue_data_dir + "/" + name, 7200));
     }
     logs.delay_ms = 0;
     const std::string trace = run / "dispatch-2.trc";
@@ -251,28 +213,21 @@ TEST(LogDispatcherDaemon, QueuedEntriesBecomeLinesInTheDaemonsLogs) {
     const std::string logs = daemon.basedir() + "/logs";
     daemon.control_keys["STATUS_LOG_BASEDIR"] = logs + "/status";
     daemon.control_keys["SCAN_LOG_BASEDIR"] = logs + "/scan";
-    daemon.write_config();
-    ASSERT_TRUE(daemon.start());
-    ASSERT_TRUE(daemon.wait_for_log("Entering main loop")) << daemon.logs();
+    ASSERT_TRUE(daemon.start_serving()) << daemon.logs();
 
     qvtest::TempDir run;
     auto pq = qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 10000, 50000000, O_CREAT,
                              RINGBUFFER);
     std::set<std::string> expected;
-    for (int i = 0; i < 12; ++i) {
-        qv::json_ptr msg = qv_log_create_message();
-        qv::json_ptr data(json_object_new_object());
-        json_object_object_add(data.get(), "Message",
-                               json_object_new_string(("ready " + std::to_string(i)).c_str()));
-        ASSERT_EQ(qv_log_add_log_section(msg.get(), "StatusLog", "r1", std::move(data)), 0);
-        ASSERT_EQ(qv_log_enqueue(pq.get(), 'L', msg.get()), 0);
+    int i = 0;
+    for (const qv::json_ptr& msg : enqueue_status(pq.get(), "ready", 0, 12)) {
         json_object* ts = nullptr;
         json_object* id = nullptr;
         json_object_object_get_ex(msg.get(), "Timestamp", &ts);
         json_object_object_get_ex(msg.get(), "EventID", &id);
         expected.insert(std::string(json_object_get_string(ts)) + ";qv-av-control;" +
                         json_object_get_string(id) + ";" + qvhlp_GetMyFQDN() + ";ready " +
-                        std::to_string(i) + "\r\n");
+                        std::to_string(i++) + "\r\n");
     }
     qv::json_ptr scan = qv_log_create_message_with_eventID("scan-1");
     qv::json_ptr data(json_object_new_object());
@@ -282,10 +237,7 @@ TEST(LogDispatcherDaemon, QueuedEntriesBecomeLinesInTheDaemonsLogs) {
     ASSERT_EQ(qv_log_add_scanlog_section(scan.get(), "daily.log", "r2", std::move(data)), 0);
     ASSERT_EQ(qv_log_enqueue(pq.get(), 'L', scan.get()), 0);
 
-    auto client = qv_nats_config_new();
-    client->server_url = server.url();
-    client->cert_path = qvtest::test_certificates().ca_cert;
-    ASSERT_EQ(qv_nats_init(client.get()), 0);
+    qvtest::NatsClient client(server);
     auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), client.get());
     const std::string status_log = logs + "/status/r1/status.log";
     const auto status_lines = [&] {
@@ -302,8 +254,7 @@ TEST(LogDispatcherDaemon, QueuedEntriesBecomeLinesInTheDaemonsLogs) {
         return qvtest::file_exists(logs + "/scan/r2/daily.log") &&
                qvtest::read_file(logs + "/scan/r2/daily.log").find(";scan-1;") != std::string::npos;
     }));
-    EXPECT_TRUE(qvtest::wait_until([&] { return files_in(pq->queue_data_dir).empty(); }));
+    EXPECT_TRUE(qvtest::wait_until([&] { return list_dir(pq->queue_data_dir).empty(); }));
     dispatcher.reset();
-    qv_nats_deinit(client.get());
     EXPECT_EQ(daemon.stop(), 0);
 }

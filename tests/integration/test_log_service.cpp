@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,40 +14,18 @@
 #include "qv_nats_client.h"
 
 using qvtest::DaemonProcess;
+using qvtest::files_below;
 using qvtest::NatsServer;
-
-namespace fs = std::filesystem;
 using namespace std::string_literals;
 
 namespace {
 
-struct Client {
-    std::unique_ptr<qv_nats_config> config = qv_nats_config_new();
-    explicit Client(const NatsServer& server) {
-        config->server_url = server.url();
-        config->cert_path = qvtest::test_certificates().ca_cert;
-        EXPECT_EQ(qv_nats_init(config.get()), 0);
-    }
-    ~Client() { qv_nats_deinit(config.get()); }
-    // The reply as plain text, or the transport's error text (also for a reply that is not
-    // JSON).
-    std::string request(const char* service, const std::string& body, uint32_t timeout_ms = 5000) {
-        std::string err;
-        qv::json_ptr reply =
-            qv_nats_send_recv_json(config.get(), service, body.c_str(), timeout_ms, 0, &err);
-        return reply ? json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN) : err;
-    }
-    std::string ping() { return request("qv-av-control.ping", "{\"Command\": 3}"); }
-};
+using qvtest::quoted;
 
 const std::string kOK = "{\"ReturnCode\":0}";
 
 std::string failure(const std::string& text) {
     return "{\"ReturnCode\":-1000,\"Error\":\"" + text + "\"}";
-}
-
-std::string quoted(const std::string& text) {
-    return "\"" + qv_json_escape(text) + "\"";
 }
 
 std::string envelope(const std::string& realm, const std::string& sections) {
@@ -66,19 +43,6 @@ std::string scan_section(const std::string& path_json) {
            ", \"LogData\": {\"Filename\": \"f\", \"MIME-type\": \"m\", \"Result-Text\": \"r\"}}";
 }
 
-std::vector<std::string> files_below(const std::string& dir) {
-    std::vector<std::string> out;
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::end(it);
-         it.increment(ec)) {
-        if (!it->is_directory()) {
-            out.push_back(it->path().string());
-        }
-    }
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 }  // namespace
 
 TEST(LogService, DaemonWritesRealRequestsEscapedAndRefusesHostileOnes) {
@@ -90,45 +54,33 @@ TEST(LogService, DaemonWritesRealRequestsEscapedAndRefusesHostileOnes) {
     d.control_keys["SCAN_LOG_BASEDIR"] = logs + "/scan";
     d.control_keys["EPO_LOG_BASEDIR"] = logs + "/epo";
     d.control_keys["ERROR_LOG_BASEDIR"] = logs + "/error";
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
-    Client client(server);
+    ASSERT_TRUE(d.start_serving()) << d.logs();
+    qvtest::NatsClient client(server);
     const std::string huge(100000, 'x');
 
+    // The full tables of refused envelopes run against the handler in this process; here one of
+    // each kind shows that the daemon's service gives the same replies.
     std::vector<std::pair<std::string, std::string>> cases = {
-        // Not a JSON object at all.
         {"<log/>", failure("Failed to parse JSON. Errorcode: unexpected character")},
         {"[1]", failure("Failed to parse JSON. Errorcode: not a JSON object")},
-        {"\"x\"", failure("Failed to parse JSON. Errorcode: not a JSON object")},
-        {"3 ", failure("Failed to parse JSON. Errorcode: not a JSON object")},
-        // A required envelope member missing, empty or of the wrong type.
-        {"{\"LogVersion\": 1, \"Component\": \"c\", \"EventID\": \"e\"}",
-         failure("Failed to read Timestamp from JSON")},
         {"{\"Timestamp\": \"\", \"Component\": \"c\", \"EventID\": \"e\"}",
          failure("Key Timestamp found, but value is empty")},
-        {"{\"Timestamp\": \"t\", \"Component\": 5, \"EventID\": \"e\"}",
-         failure("Failed to read Component from JSON")},
-        {envelope("5", error_section("e")), failure("Invalid realm")},
         {envelope("\"r1\"", scan_section("[\"scan.log\"]")), failure("Invalid scan log path")},
     };
-    // CR LF, NUL, blanks, wildcards, '$' and excess length in the names that become paths.
-    for (const std::string& name : {"r\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0"s, "r\0x"s,
-                                    "r 1"s, "*"s, ">"s, "$HOME"s, "${HOME}"s, "~"s, ".."s, huge}) {
+    for (const std::string& name :
+         {"r\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0"s, "r\0x"s, "${HOME}"s, ".."s, huge}) {
         cases.emplace_back(envelope(quoted(name), error_section("e")), failure("Invalid realm"));
         cases.emplace_back(envelope("\"r1\"", scan_section(quoted(name))),
                            failure("Invalid scan log path"));
     }
-    for (const char* path : {"/etc/passwd", "../error/r1/error.log", "epo.log", "a//b.log"}) {
-        cases.emplace_back(envelope("\"r1\"", scan_section(quoted(path))),
-                           failure("Invalid scan log path"));
-    }
+    cases.emplace_back(envelope("\"r1\"", scan_section("\"../error/r1/error.log\"")),
+                       failure("Invalid scan log path"));
     for (const auto& [request, reply] : cases) {
         EXPECT_EQ(client.request("qv-av-log", request), reply) << request.substr(0, 60);
     }
     EXPECT_TRUE(d.wait_for_log("Invalid realm: '${HOME}'"));
     EXPECT_EQ(files_below(logs), std::vector<std::string>{});
-    EXPECT_EQ(client.ping(), kOK);
+    EXPECT_EQ(client.ping(), 0);
 
     // Control characters in a field are written escaped: one line per section.
     const std::string sections =
@@ -156,7 +108,7 @@ TEST(LogService, DaemonWritesRealRequestsEscapedAndRefusesHostileOnes) {
     EXPECT_EQ(files_below(logs),
               (std::vector<std::string>{logs + "/epo/r1/epo.log", logs + "/error/r1/error.log",
                                         logs + "/scan/r1/nightly/scan.log"}));
-    EXPECT_EQ(client.ping(), kOK);
+    EXPECT_EQ(client.ping(), 0);
     EXPECT_EQ(d.stop(), 0);
 }
 
@@ -168,10 +120,8 @@ TEST(LogService, EpoLogIsCollectedOnRequestAndEveryRequestIsAnswered) {
     const std::string epo_dir = d.basedir() + "/logs/epo";
     d.control_keys["EPO_LOG_BASEDIR"] = epo_dir;
     d.control_keys["SPLIT_LOGS_BY_REALM"] = "0";
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
-    Client client(server);
+    ASSERT_TRUE(d.start_serving()) << d.logs();
+    qvtest::NatsClient client(server);
 
     EXPECT_EQ(client.request("qv-av-epolog", "{\"Command\": 400}"), "{\"ReturnCode\":301}");
     // The log service fills <dir>/epo.log; the collection hands its lines over and empties it.
@@ -191,13 +141,12 @@ TEST(LogService, EpoLogIsCollectedOnRequestAndEveryRequestIsAnswered) {
 
     const std::string refused = "{\"ReturnCode\":-1}";
     for (const std::string& request :
-         {"{\"Command\": 401}"s, "{\"Cmd\": 400}"s, "{\"Command\": \"x\"}"s, "{\"Command\": 4"s,
-          "[400]"s, "\"400\""s,
+         {"{\"Command\": 401}"s, "[400]"s,
           "{\"Command\": 401, \"Pad\": \"" + std::string(100000, 'p') + "\"}"}) {
         EXPECT_EQ(client.request("qv-av-epolog", request), refused) << request.substr(0, 40);
     }
     EXPECT_TRUE(d.wait_for_log("Ignoring invalid request: 401"));
-    EXPECT_EQ(client.ping(), kOK);
+    EXPECT_EQ(client.ping(), 0);
     EXPECT_EQ(d.stop(), 0);
 }
 
@@ -207,14 +156,12 @@ TEST(LogService, ExternalServicesAreNotStarted) {
     DaemonProcess d;
     d.use_nats(server.url());
     d.control_keys["EXTERNAL_LOGGER"] = "1";
-    d.write_config();
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
-    Client client(server);
+    ASSERT_TRUE(d.start_serving()) << d.logs();
+    qvtest::NatsClient client(server);
     // With an external logger nobody here serves "qv-av-log".
-    EXPECT_EQ(
-        client.request("qv-av-log", "{}", 1000).rfind("NATS: request to qv-av-log failed: ", 0),
-        0u);
+    EXPECT_EQ(client.request("qv-av-log", "{}", std::chrono::seconds(1))
+                  .rfind("NATS: request to qv-av-log failed: ", 0),
+              0u);
     EXPECT_EQ(d.logs().find("qv-av-logger worker threads"), std::string::npos);
     EXPECT_EQ(d.stop(), 0);
 }

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <latch>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -26,19 +24,7 @@ using clock_type = std::chrono::steady_clock;
 
 namespace {
 
-struct Client {
-    std::unique_ptr<qv_nats_config> config;
-    explicit Client(const NatsServer& server) : config(server.client_config()) {
-        EXPECT_EQ(qv_nats_init(config.get()), 0);
-    }
-    ~Client() { qv_nats_deinit(config.get()); }
-    // The "ReturnCode" of the reply; -1 without a reply.
-    int request(const char* service, const std::string& body, std::chrono::milliseconds timeout) {
-        return qv_nats_simple_request(config.get(), service, body.c_str(),
-                                      static_cast<uint32_t>(timeout.count()), 0, nullptr);
-    }
-    int ping() { return request("qv-av-control.ping", "{\"Command\": 3}", 2s); }
-};
+using Client = qvtest::NatsClient;
 
 // The "ReturnCode" of a reply text; -1 when there is none.
 int return_code(const std::string& reply) {
@@ -83,9 +69,8 @@ bool answers_by(Client& client, const ServiceProbe& probe, clock_type::time_poin
         if (left <= 0ms) {
             return false;
         }
-        if (client.request(probe.service, probe.request,
-                           std::min<std::chrono::milliseconds>(left, 1000ms)) ==
-            probe.return_code) {
+        if (client.rc(probe.service, probe.request,
+                      std::min<std::chrono::milliseconds>(left, 1000ms)) == probe.return_code) {
             return true;
         }
     }
@@ -109,9 +94,7 @@ struct DaemonMessaging : ::testing::Test {
         for (const auto& [key, value] : extra) {
             d.control_keys[key] = value;
         }
-        d.write_config();
-        ASSERT_TRUE(d.start());
-        ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
+        ASSERT_TRUE(d.start_serving()) << d.logs();
     }
 };
 
@@ -205,35 +188,20 @@ TEST_F(DaemonMessaging, AnEventForTwoThousandSilentHandlersIsAnsweredInTime) {
 
     Client events(server);
     Client pinger(server);
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
     int event_reply = 1;
-    std::thread event([&] {
-        // Answered within the request's time-out or not at all.
-        const int rc = events.request(
-            "qv-av-events-dispatch",
-            "{\"Command\": 501, \"Component\": \"qv-test-module\", \"Event\": {\"Type\": \"x\"}}",
-            15s);
-        std::lock_guard<std::mutex> lock(mutex);
-        event_reply = rc;
-        done = true;
-        cv.notify_all();
-    });
-    int answered = 0;
-    int failed = 0;
-    while (true) {
-        (pinger.ping() == 0 ? answered : failed)++;
-        std::unique_lock<std::mutex> lock(mutex);
-        if (cv.wait_for(lock, 200ms, [&] { return done; })) {
-            break;
-        }
-    }
-    event.join();
+    const qvtest::PingTally pings = qvtest::ping_while(
+        [&] {
+            // Answered within the request's time-out or not at all.
+            event_reply = events.rc("qv-av-events-dispatch",
+                                    "{\"Command\": 501, \"Component\": \"qv-test-module\", "
+                                    "\"Event\": {\"Type\": \"x\"}}",
+                                    15s);
+        },
+        [&] { return pinger.ping(); });
     // No handler answered: the event failed, and said so in time.
     EXPECT_EQ(event_reply, -1000);
-    EXPECT_EQ(failed, 0);
-    EXPECT_GE(answered, 5);
+    EXPECT_EQ(pings.failed, 0);
+    EXPECT_GE(pings.answered, 5);
     int reached = 0;
     for (int n : handlers.pending()) {
         reached += n > 0 ? 1 : 0;

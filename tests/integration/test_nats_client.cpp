@@ -25,16 +25,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::unique_ptr<qv_nats_config> client_for(const NatsServer& server, const std::string& user = "",
-                                           const std::string& password = "") {
-    auto config = qv_nats_config_new();
-    config->server_url = server.url();
-    config->user = user;
-    config->password = password;
-    config->cert_path = qvtest::test_certificates().ca_cert;
-    return config;
-}
-
 // Echoes the request text back as {"ReturnCode": 0, "Echo": <request>}; counts its calls.
 std::atomic<int> s_echo_calls{0};
 int echo_handler(void* /*ctx*/, qv_const_request_reply_t* rr) {
@@ -92,14 +82,6 @@ struct OpenOnExit {
     ~OpenOnExit() { gate.open(); }
 };
 
-size_t count_of(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 struct ServiceFixture : ::testing::Test {
     NatsServer server;
     std::unique_ptr<qv_nats_config> config;
@@ -108,7 +90,7 @@ struct ServiceFixture : ::testing::Test {
 
     void SetUp() override {
         ASSERT_TRUE(server.start());
-        config = client_for(server);
+        config = server.client_config();
         ASSERT_EQ(qv_nats_init(config.get()), 0);
     }
     void TearDown() override {
@@ -120,7 +102,7 @@ struct ServiceFixture : ::testing::Test {
     }
     // Another connection of this process, released with the fixture.
     qv_nats_config* connect_another() {
-        others.push_back(client_for(server));
+        others.push_back(server.client_config());
         EXPECT_EQ(qv_nats_init(others.back().get()), 0);
         return others.back().get();
     }
@@ -142,9 +124,7 @@ int ping(qv_nats_config* from, uint32_t timeout_ms = 2000) {
 }  // namespace
 
 TEST_F(ServiceFixture, PingServiceAnswersAndRejects) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(
-                  config.get(), "qv-test.ping", qv_worker_ping_request_handler, nullptr, &stop, 2),
-              0);
+    ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler, nullptr, 2), 0);
     std::string err;
     EXPECT_EQ(
         qv_nats_simple_request(config.get(), "qv-test.ping", "{\"Command\": 3}", 2000, 0, &err), 0);
@@ -158,12 +138,8 @@ TEST_F(ServiceFixture, PingServiceAnswersAndRejects) {
 }
 
 TEST_F(ServiceFixture, HandlerSeesTheBodyUnchangedAndGenericRepliesAreSent) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(config.get(), "qv-test.echo", echo_handler,
-                                                    nullptr, &stop, 3),
-              0);
-    ASSERT_EQ(qv_nats_start_service_handler_threads(config.get(), "qv-test.silent", silent_handler,
-                                                    nullptr, &stop, 1),
-              0);
+    ASSERT_EQ(serve("qv-test.echo", echo_handler, nullptr, 3), 0);
+    ASSERT_EQ(serve("qv-test.silent", silent_handler), 0);
     std::string err;
     qv::json_ptr reply =
         qv_nats_send_recv_json(config.get(), "qv-test.echo", "{\"a\":[1,2]}", 2000, 0, &err);
@@ -213,64 +189,52 @@ TEST_F(ServiceFixture, InvalidParametersAreReported) {
 }
 
 TEST_F(ServiceFixture, HandlerThreadsEndOnTheStopFlag) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(config.get(), "qv-test.stop", echo_handler,
-                                                    nullptr, &stop, 4),
-              0);
+    ASSERT_EQ(serve("qv-test.stop", echo_handler, nullptr, 4), 0);
     EXPECT_EQ(config->_handler_threads.load(), 4);
     stop = 1;
     EXPECT_TRUE(qvtest::wait_until([&] { return config->_handler_threads.load() == 0; }));
 }
 
 TEST(NatsConnect, TlsWithUsersAndWrongPassword) {
-    NatsServer::Options opts;
-    opts.tls = true;
-    opts.users = {{"control@local", "pw1"}};
-    NatsServer server(opts);
+    NatsServer server({.tls = true, .users = {{"control@local", "pw1"}}});
     ASSERT_TRUE(server.start());
 
-    auto good = client_for(server, "control@local", "pw1");
-    ASSERT_EQ(qv_nats_init(good.get()), 0);
-    std::atomic<int> stop{0};
+    std::atomic<int> stop{0};  // outlives the connection's handler threads
+    qvtest::NatsClient good(server, "control@local", "pw1");
     ASSERT_EQ(qv_nats_start_service_handler_threads(
                   good.get(), "qv-test.ping", qv_worker_ping_request_handler, nullptr, &stop, 1),
               0);
-    EXPECT_EQ(
-        qv_nats_simple_request(good.get(), "qv-test.ping", "{\"Command\":3}", 2000, 0, nullptr), 0);
-    EXPECT_TRUE(good->_js);
+    EXPECT_EQ(good.ping("qv-test.ping"), 0);
+    EXPECT_TRUE(good.get()->_js);
 
     // Bad credentials are a permanent failure: no retries, -1.
-    auto bad = client_for(server, "control@local", "wrong");
+    auto bad = server.client_config();
+    bad->user = "control@local";
+    bad->password = "wrong";
     EXPECT_EQ(qv_nats_init(bad.get()), -1);
     EXPECT_FALSE(bad->_conn);
 
     // An unreadable CA file fails before connecting.
-    auto nocert = client_for(server, "control@local", "pw1");
-    nocert->cert_path = "/nonexistent/ca.pem";
-    EXPECT_EQ(qv_nats_init(nocert.get()), -1);
-
+    bad->password = "pw1";
+    bad->cert_path = "/nonexistent/ca.pem";
+    EXPECT_EQ(qv_nats_init(bad.get()), -1);
     stop = 1;
-    qv_nats_deinit(good.get());
 }
 
 TEST(NatsConnect, ServiceSurvivesAServerRestart) {
     NatsServer server;
     ASSERT_TRUE(server.start());
-    auto config = client_for(server);
+    auto config = server.client_config();
     ASSERT_EQ(qv_nats_init(config.get()), 0);
     std::atomic<int> stop{0};
     ASSERT_EQ(qv_nats_start_service_handler_threads(
                   config.get(), "qv-test.ping", qv_worker_ping_request_handler, nullptr, &stop, 1),
               0);
-    auto requester = client_for(server);
-    ASSERT_EQ(qv_nats_init(requester.get()), 0);
+    qvtest::NatsClient requester(server);
     server.stop();
     ASSERT_TRUE(server.start());
-    EXPECT_TRUE(qvtest::wait_until([&] {
-        return qv_nats_simple_request(requester.get(), "qv-test.ping", "{\"Command\":3}", 500, 0,
-                                      nullptr) == 0;
-    }));
+    EXPECT_TRUE(qvtest::wait_until([&] { return requester.ping("qv-test.ping", 500ms) == 0; }));
     stop = 1;
-    qv_nats_deinit(requester.get());
     qv_nats_deinit(config.get());
 }
 
@@ -327,8 +291,8 @@ TEST_F(ServiceFixture, AConnectionTheLibraryClosedIsRebuiltWithItsServices) {
     EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
     EXPECT_EQ(qv_nats_connection(config.get()).get(), fresh.get());
     EXPECT_EQ(qv_nats_jetstream(config.get()).get(), js.get());
-    EXPECT_EQ(count_of(log.text(), "NATS: new connection"), 1u);
-    EXPECT_EQ(count_of(log.text(), "renewed"), 1u);
+    EXPECT_EQ(log.count("NATS: new connection"), 1);
+    EXPECT_EQ(log.count("renewed"), 1);
     EXPECT_TRUE(log.contains("NATS: 2 service subscription(s) renewed"));
     EXPECT_EQ(ping(requester), 0);
     EXPECT_EQ(config->_handler_threads.load(), 3);
@@ -421,7 +385,7 @@ TEST_F(ServiceFixture, RequestsDroppedByAServiceThatFallsBehindAreCountedInTheLo
         qv_nats_send_recv_json(requester, "qv-test.drops", "{\"after\":1}", 60000, 0, &err);
     ASSERT_TRUE(reply) << err;
     EXPECT_EQ(qv_json_to_string(reply.get()), "{\"ReturnCode\":0,\"Echo\":{\"after\":1}}");
-    EXPECT_EQ(count_of(log.text(), line), 1u);
+    EXPECT_EQ(log.count(line), 1);
 }
 
 TEST_F(ServiceFixture, OneRequestToTwoThousandSilentHandlersEndsInTimeAndBlocksNoService) {
@@ -435,36 +399,21 @@ TEST_F(ServiceFixture, OneRequestToTwoThousandSilentHandlersEndsInTimeAndBlocksN
     handlers.subscribe_silently(subjects);
     qv_nats_config* requester = connect_another();
 
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
     std::vector<int> results;
     std::chrono::steady_clock::duration spent{};
-    std::thread fan_out([&] {
-        const auto t0 = std::chrono::steady_clock::now();
-        std::vector<int> r =
-            qv_nats_simple_request_all(config.get(), subjects, "{\"Command\": 501}", 4000, 3);
-        std::lock_guard<std::mutex> lock(mutex);
-        spent = std::chrono::steady_clock::now() - t0;
-        results = std::move(r);
-        done = true;
-        cv.notify_all();
-    });
     // The connection that waits for 2,000 replies keeps serving its own service.
-    int answered = 0;
-    int failed = 0;
-    while (true) {
-        (ping(requester) == 0 ? answered : failed)++;
-        std::unique_lock<std::mutex> lock(mutex);
-        if (cv.wait_for(lock, 200ms, [&] { return done; })) {
-            break;
-        }
-    }
-    fan_out.join();
+    const qvtest::PingTally pings = qvtest::ping_while(
+        [&] {
+            const auto t0 = std::chrono::steady_clock::now();
+            results =
+                qv_nats_simple_request_all(config.get(), subjects, "{\"Command\": 501}", 4000, 3);
+            spent = std::chrono::steady_clock::now() - t0;
+        },
+        [&] { return ping(requester); });
     EXPECT_LT(spent, 15s);
     EXPECT_EQ(results, std::vector<int>(subjects.size(), -1));
-    EXPECT_EQ(failed, 0);
-    EXPECT_GE(answered, 5);
+    EXPECT_EQ(pings.failed, 0);
+    EXPECT_GE(pings.answered, 5);
     // Every handler was asked once per attempt.
     EXPECT_EQ(handlers.pending(), std::vector<int>(subjects.size(), 3));
 }

@@ -66,14 +66,6 @@ int counting_probe(void* context, qv_const_request_reply_t* rr) {
     return payload_probe(context, rr);
 }
 
-size_t count_of(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 // The value of `header` on the last message stored for `key` in `bucket`; "<none>" without one.
 std::string stored_header(qv_nats_config* cfg, const std::string& bucket, const std::string& key,
                           const char* header) {
@@ -142,9 +134,7 @@ TEST_F(KvFixture, BadManifestsAndMissingChunks) {
 }
 
 TEST_F(KvFixture, ReadsWaitForALateKeyButNotForever) {
-    auto other = qv_nats_config_new();
-    other->server_url = server.url();
-    ASSERT_EQ(qv_nats_init(other.get()), 0);
+    qvtest::NatsClient other(server);
     std::thread writer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(120));
         const auto data = pattern(10);
@@ -153,7 +143,6 @@ TEST_F(KvFixture, ReadsWaitForALateKeyButNotForever) {
     std::vector<unsigned char> out;
     EXPECT_EQ(kvstore_get_chunked(cfg.get(), "late", &out), 0);
     writer.join();
-    qv_nats_deinit(other.get());
     EXPECT_EQ(out, pattern(10));
 
     const auto t0 = std::chrono::steady_clock::now();
@@ -275,36 +264,8 @@ TEST_F(KvFixture, StagedRequestsReachTheHandlerAndAreCleanedUp) {
     EXPECT_EQ(raw_get(QV_KV_SCAN_DATA_BUCKET, key), "<1>");
 }
 
-TEST_F(KvFixture, MissingStagedPayloadFailsClosed) {
-    std::atomic<int> calls{0};
-    static std::atomic<int>* s_calls = nullptr;
-    s_calls = &calls;
-    ASSERT_EQ(qv_nats_start_service_handler_threads(
-                  cfg.get(), "qv-test.closed",
-                  [](void*, qv_const_request_reply_t* rr) {
-                      (*s_calls)++;
-                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
-                      return 0;
-                  },
-                  nullptr, &stop, 1),
-              0);
-    qv_message_t request;
-    request.json_txt = "{\"Command\": 101}";
-    request.staged_data_key = "scan-does-not-exist";
-    qv_message_t reply;
-    qv_const_request_reply_t rr{&request, &reply};
-    qv::json_ptr out =
-        qv_nats_send_recv_json_data(cfg.get(), "qv-test.closed", &rr, 5000, 0, 0, nullptr);
-    ASSERT_TRUE(out);
-    EXPECT_EQ(qv_json_to_string(out.get()),
-              "{\"ReturnCode\":-1000,\"Error\":\"Scan data unavailable: staged payload could not "
-              "be retrieved from the KV store\"}");
-    EXPECT_EQ(calls.load(), 0);
-}
-
 TEST_F(KvFixture, TwoContendersNeverBothHoldALease) {
-    auto other = server.client_config();
-    ASSERT_EQ(qv_nats_init(other.get()), 0);
+    qvtest::NatsClient other(server);
     constexpr int kKeys = 100;
     auto key = [](int i) { return "lease." + std::to_string(i); };
     // Both contenders ask for each key at the same moment.
@@ -352,7 +313,6 @@ TEST_F(KvFixture, TwoContendersNeverBothHoldALease) {
     // A released lease can be taken again, still by one contender only.
     race(&a, &b);
     check_one_holder(a, b);
-    qv_nats_deinit(other.get());
 }
 
 TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
@@ -505,5 +465,5 @@ TEST_F(KvFixture, TimeToLiveIsTriedAgainOnEveryPutAfterARefusal) {
               "7000ms");
     EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "chunked-ttl-0", "Nats-TTL"),
               "7000ms");
-    EXPECT_EQ(count_of(log.text(), "per-message TTL write"), 1u);
+    EXPECT_EQ(log.count("per-message TTL write"), 1);
 }

@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "log.h"
+#include "log_capture.h"
 #include "nats_server.h"
 #include "qv_connection_client.h"
 #include "qv_json.h"
@@ -20,89 +21,53 @@
 #include "qvhlp_network.h"
 
 using qvtest::NatsServer;
+using qvtest::Recorder;
 using qvtest::wait_until;
 
 namespace {
 
 constexpr int64_t kRegistryAgeMs = 3000;
 
-std::unique_ptr<qv_nats_config> connect_to(const NatsServer& server) {
-    auto config = qv_nats_config_new();
-    config->server_url = server.url();
-    config->cert_path = qvtest::test_certificates().ca_cert;
-    EXPECT_EQ(qv_nats_init(config.get()), 0);
-    return config;
-}
-
-// A test worker: answers every request on its subject with {"ReturnCode": 0} and keeps them.
-struct TestWorker {
-    std::mutex mutex;
-    std::vector<std::string> requests;
-
-    static int handler(void* context, qv_const_request_reply_t* rr) {
-        auto* self = static_cast<TestWorker*>(context);
-        {
-            std::lock_guard<std::mutex> lock(self->mutex);
-            self->requests.push_back(rr->request->json_txt);
-        }
-        rr->reply->json_txt = "{\"ReturnCode\": 0}";
-        return 0;
-    }
-    std::vector<std::string> received() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return requests;
-    }
-};
-
 class RegistryWithBroker : public ::testing::Test {
   protected:
+    qvtest::LogCapture log;  // outlives the threads below, which log until they end
     NatsServer server;
     std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
-    std::unique_ptr<qv_nats_config> workers_connection;
     std::atomic<int> stop{0};
     std::thread poller;
-    std::vector<std::unique_ptr<TestWorker>> workers;
-    qvtest::TempDir dir;
-    const std::string log_path = dir / "trace.log";
-    int saved_level = log_get_level();
+    std::list<Recorder> workers;
+    std::unique_ptr<qvtest::NatsClient> workers_connection;
 
     void SetUp() override {
         ASSERT_TRUE(server.start());
         qv_kv_bucket_ages ages;
         ages.worker_registry_ms = kRegistryAgeMs;
         ASSERT_EQ(server.create_buckets(ages), 0);
-        config->main_nats_config = connect_to(server);
-        workers_connection = connect_to(server);
+        config->main_nats_config = server.client_config();
+        ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
+        workers_connection = std::make_unique<qvtest::NatsClient>(server);
         config->controlled_services = {{"qv-av-trellix"}, {"qv-av-mimescan"}};
         config->worker_registry_enabled = true;
         config->worker_registry_ttl_ms = 2000;
         config->worker_registry_sync_interval_ms = 1000;
-        log_set_quiet(1);
-        log_set_filename(log_path.c_str());
-        log_set_level(QVLOG_TRACE);
     }
     void TearDown() override {
         stop = 1;
         if (poller.joinable()) {
             poller.join();
         }
-        qv_nats_deinit(workers_connection.get());
+        workers_connection.reset();
         qv_nats_deinit(config->main_nats_config.get());
-        log_set_filename(nullptr);
-        log_set_level(saved_level);
-        log_set_quiet(0);
     }
 
-    bool logged(const std::string& text) const {
-        return qvtest::read_file(log_path).find(text) != std::string::npos;
-    }
-    TestWorker& start_worker(const std::string& subject) {
-        workers.push_back(std::make_unique<TestWorker>());
-        EXPECT_EQ(qv_nats_start_service_handler_threads(workers_connection.get(), subject.c_str(),
-                                                        TestWorker::handler, workers.back().get(),
-                                                        &stop, 1),
+    bool logged(const std::string& text) const { return log.contains(text); }
+    // A test worker: answers every request on its subject with {"ReturnCode": 0}, keeping them.
+    Recorder& start_worker(const std::string& subject) {
+        Recorder& worker = workers.emplace_back();
+        EXPECT_EQ(qv_nats_start_service_handler_threads(workers_connection->get(), subject.c_str(),
+                                                        Recorder::handle, &worker, &stop, 1),
                   0);
-        return *workers.back();
+        return worker;
     }
     void start_poller() {
         poller = std::thread([this] { qvctrl_registry_poller_thread({config.get(), &stop}); });
@@ -209,10 +174,10 @@ TEST_F(RegistryWithBroker, ANewLocalMimeScanWorkerIsFlushedOnceInAnyLetterCase) 
     const std::string ac = local_name("qv-av-activecontent", "1");
     const std::string remote = "qv-av-mimescan.elsewhere.example_1";
     const std::string trellix = local_name("qv-av-trellix", "1");
-    TestWorker& mime_worker = start_worker(mime);
-    TestWorker& ac_worker = start_worker(ac);
-    TestWorker& remote_worker = start_worker(remote);
-    TestWorker& trellix_worker = start_worker(trellix);
+    Recorder& mime_worker = start_worker(mime);
+    Recorder& ac_worker = start_worker(ac);
+    Recorder& remote_worker = start_worker(remote);
+    Recorder& trellix_worker = start_worker(trellix);
     for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(apply(registration("QV-AV-MIMESCAN", mime)), 0);
         ASSERT_EQ(apply(registration("qv-av-activecontent", ac)), 0);
@@ -231,8 +196,8 @@ TEST_F(RegistryWithBroker, FlushReachesEveryWorkerOfTheServiceDespiteAnUnreachab
     add_running("qv-av-mimescan", "qv-av-mimescan.gone-host_1");
     add_running("qv-av-mimescan", "qv-av-mimescan.host-a_1");
     add_running("qv-av-trellix", "qv-av-trellix.host-a_1");
-    TestWorker& mime = start_worker("qv-av-mimescan.host-a_1");
-    TestWorker& trellix = start_worker("qv-av-trellix.host-a_1");
+    Recorder& mime = start_worker("qv-av-mimescan.host-a_1");
+    Recorder& trellix = start_worker("qv-av-trellix.host-a_1");
 
     qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", "r1", nullptr);
     qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", "r1", "");

@@ -123,6 +123,11 @@ std::string DaemonProcess::logs() const {
     return read_file(trace_path()) + read_file(output_path());
 }
 
+bool DaemonProcess::start_serving() {
+    write_config();
+    return start() && wait_for_log("Entering main loop");
+}
+
 bool DaemonProcess::wait_for_log(const std::string& text, std::chrono::milliseconds timeout) {
     return wait_until([&] { return logs().find(text) != std::string::npos; }, timeout);
 }

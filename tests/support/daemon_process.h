@@ -32,6 +32,8 @@ class DaemonProcess {
     // Starts the binary with --console-mode --basedir <basedir> --config-file <ini>, or with
     // exactly `args` when given. Standard error and output go to output_path().
     bool start(const std::vector<std::string>& args = {}, const Keys& env = {});
+    // Writes the configuration, starts the binary and waits until it enters its main loop.
+    bool start_serving();
     // SIGTERM, then waits for the exit; returns the exit status, or -1000 when it did not end.
     int stop(std::chrono::seconds timeout = std::chrono::seconds(30));
     // Waits for the process to end by itself; the exit status, or -1000 on time-out.

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qv_json.h"
 #include "qv_nats_client.h"
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -158,6 +159,32 @@ int NatsServer::create_buckets(const qv_kv_bucket_ages& ages, const std::string&
     int rc = qv_kv_setup_buckets(cfg.get(), ages, nullptr);
     qv_nats_deinit(cfg.get());
     return rc;
+}
+
+NatsClient::NatsClient(const NatsServer& server, const std::string& user,
+                       const std::string& password)
+    : config_(server.client_config()) {
+    config_->user = user;
+    config_->password = password;
+    EXPECT_EQ(qv_nats_init(config_.get()), 0);
+}
+
+NatsClient::~NatsClient() {
+    qv_nats_deinit(config_.get());
+}
+
+std::string NatsClient::request(const std::string& subject, const std::string& body,
+                                std::chrono::milliseconds timeout) {
+    std::string err;
+    qv::json_ptr reply = qv_nats_send_recv_json(config_.get(), subject.c_str(), body.c_str(),
+                                                static_cast<uint32_t>(timeout.count()), 0, &err);
+    return reply ? qv_json_to_string(reply.get()) : err;
+}
+
+int NatsClient::rc(const std::string& subject, const std::string& body,
+                   std::chrono::milliseconds timeout) {
+    return qv_nats_simple_request(config_.get(), subject.c_str(), body.c_str(),
+                                  static_cast<uint32_t>(timeout.count()), 0, nullptr);
 }
 
 }  // namespace qvtest

@@ -2,6 +2,7 @@
 // temporary store, optionally with TLS (a generated CA and server certificate) and a users list.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
@@ -56,6 +57,32 @@ class NatsServer {
     std::string store_;
     int port_;
     int pid_ = -1;
+};
+
+// A connection of the test's own to a server, released with the object.
+class NatsClient {
+  public:
+    explicit NatsClient(const NatsServer& server, const std::string& user = "",
+                        const std::string& password = "");
+    ~NatsClient();
+    NatsClient(const NatsClient&) = delete;
+    NatsClient& operator=(const NatsClient&) = delete;
+    qv_nats_config* get() const { return config_.get(); }
+
+    // The reply as plain JSON text, or the transport's error text (also for a reply that is
+    // not JSON).
+    std::string request(const std::string& subject, const std::string& body,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // The "ReturnCode" of the reply; -1 without one.
+    int rc(const std::string& subject, const std::string& body,
+           std::chrono::milliseconds timeout = std::chrono::seconds(2));
+    int ping(const std::string& subject = "qv-av-control.ping",
+             std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
+        return rc(subject, "{\"Command\": 3}", timeout);
+    }
+
+  private:
+    std::unique_ptr<qv_nats_config> config_;
 };
 
 }  // namespace qvtest

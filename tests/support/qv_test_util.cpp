@@ -1,5 +1,10 @@
 #include "qv_test_util.h"
 
+#include <gtest/gtest.h>
+
+#include "qv_handles.h"
+#include "qv_json.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -7,8 +12,12 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <condition_variable>
+#include <algorithm>
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <sys/time.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -63,6 +72,134 @@ void make_dirs(const std::string& path) {
 void remove_tree(const std::string& path) {
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
+}
+
+std::vector<std::string> list_dir(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.') {
+                names.emplace_back(e->d_name);
+            }
+        }
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> files_below(const std::string& dir) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::end(it);
+         it.increment(ec)) {
+        if (it->is_regular_file()) {
+            out.push_back(it->path().string());
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool set_age(const std::string& path, long seconds_ago) {
+    struct timeval t[2];
+    gettimeofday(&t[0], nullptr);
+    t[0].tv_sec -= seconds_ago;
+    t[1] = t[0];
+    return utimes(path.c_str(), t) == 0;
+}
+
+size_t count_of(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+std::string read_zip(const std::string& zip, std::string* entry_name) {
+    qv::archive_read_ptr archive(archive_read_new());
+    archive_read_support_format_zip(archive.get());
+    if (archive_read_open_filename(archive.get(), zip.c_str(), 10240) != ARCHIVE_OK) {
+        ADD_FAILURE() << "cannot open " << zip;
+        return "";
+    }
+    std::string content;
+    int entries = 0;
+    struct archive_entry* entry = nullptr;
+    while (archive_read_next_header(archive.get(), &entry) == ARCHIVE_OK) {
+        ++entries;
+        if (entry_name != nullptr) {
+            *entry_name = archive_entry_pathname(entry);
+        }
+        char buffer[8192];
+        la_ssize_t n;
+        while ((n = archive_read_data(archive.get(), buffer, sizeof(buffer))) > 0) {
+            content.append(buffer, static_cast<size_t>(n));
+        }
+        EXPECT_EQ(n, 0) << zip;
+    }
+    EXPECT_EQ(entries, 1) << zip;
+    return content;
+}
+
+std::string quoted(const std::string& text) {
+    return "\"" + qv_json_escape(text) + "\"";
+}
+
+PingTally ping_while(const std::function<void()>& work, const std::function<int()>& ping) {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    std::thread worker([&] {
+        work();
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+        cv.notify_all();
+    });
+    PingTally tally;
+    while (true) {
+        (ping() == 0 ? tally.answered : tally.failed)++;
+        std::unique_lock<std::mutex> lock(mutex);
+        if (cv.wait_for(lock, std::chrono::milliseconds(200), [&] { return done; })) {
+            break;
+        }
+    }
+    worker.join();
+    return tally;
+}
+
+int Recorder::handle(void* context, qv_const_request_reply_t* rr) {
+    auto* self = static_cast<Recorder*>(context);
+    if (self->delay_ms > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(self->delay_ms.load()));
+    }
+    if (self->reject.fetch_sub(1) > 0) {
+        rr->reply->json_txt = "{\"ReturnCode\": -1, \"Error\": \"rejected by test\"}";
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->requests_.push_back(rr->request->json_txt);
+    }
+    rr->reply->json_txt = "{\"ReturnCode\": " + std::to_string(self->reply_code.load()) + "}";
+    return 0;
+}
+
+std::vector<std::string> Recorder::received() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+}
+
+std::set<std::string> Recorder::distinct() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return {requests_.begin(), requests_.end()};
+}
+
+size_t Recorder::count() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_.size();
 }
 
 int free_port() {

@@ -1,9 +1,13 @@
 // Small helpers for tests: temporary directories, files, polling for a condition, free ports.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "qv_request_reply_types.h"
 
@@ -32,10 +36,50 @@ void write_file(const std::string& path, const std::string& contents);
 bool file_exists(const std::string& path);
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);
+// The names in `dir` that do not start with '.', sorted.
+std::vector<std::string> list_dir(const std::string& dir);
+// The paths of the regular files anywhere below `dir`, sorted.
+std::vector<std::string> files_below(const std::string& dir);
+// Dates the access and modification times of `path` back by `seconds_ago`; false on failure.
+bool set_age(const std::string& path, long seconds_ago);
+// How often `needle` occurs in `text`.
+size_t count_of(const std::string& text, const std::string& needle);
+// The content of the one entry of a zip archive, and its name in *entry_name; fails the test
+// unless the archive holds exactly one entry.
+std::string read_zip(const std::string& zip, std::string* entry_name = nullptr);
+// A JSON string literal holding exactly `text`, NUL bytes included.
+std::string quoted(const std::string& text);
 // Calls a service handler in this process with `body` as the request; the reply text (empty when
 // the handler set none), with the handler's status in *rc when given.
 std::string call_handler(qv_service_handler_t handler, void* context, const std::string& body,
                          int* rc = nullptr);
+// Runs `work` on a thread of its own and meanwhile calls `ping` (0 for an answer) every 200 ms
+// until it ends; how many pings were answered and how many failed.
+struct PingTally {
+    int answered = 0;
+    int failed = 0;
+};
+PingTally ping_while(const std::function<void()>& work, const std::function<int()>& ping);
+
+// A service handler of the test's own (context: the Recorder). It keeps every request text and
+// answers {"ReturnCode": <reply_code>} after `delay_ms`; the next `reject` requests get a failure
+// reply instead and are not kept.
+class Recorder {
+  public:
+    std::atomic<int> reply_code{0};
+    std::atomic<int> reject{0};
+    std::atomic<int> delay_ms{0};
+
+    static int handle(void* context, qv_const_request_reply_t* rr);
+    std::vector<std::string> received() const;
+    std::set<std::string> distinct() const;
+    size_t count() const;
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> requests_;
+};
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
 // True when a TCP connection to 127.0.0.1:port succeeds.

@@ -11,6 +11,7 @@
 #include "qvctrl_read_config_parameters.h"
 #include "qvhlp_path.h"
 #include "qvhlp_url.h"
+#include "log_capture.h"
 #include "qv_test_util.h"
 
 namespace {
@@ -26,11 +27,6 @@ const std::string kBase =
 
 class ConfigParameters : public ::testing::Test {
   protected:
-    void SetUp() override {
-        saved_level_ = log_get_level();
-        config_ = qvctrl_config_new();
-    }
-
     void TearDown() override {
         for (const std::string& name : env_) {
             unsetenv(name.c_str());
@@ -38,9 +34,6 @@ class ConfigParameters : public ::testing::Test {
         for (const std::string& path : traces_) {
             sem_unlink(("qv_log_" + std::string(qvhlp_FlattenPath(path.c_str()))).c_str());
         }
-        QVOpenTraceFile(nullptr, 0, 0);
-        log_set_screentrace(0);
-        log_set_level(saved_level_);
     }
 
     void set_env(const std::string& name, const std::string& value) {
@@ -57,22 +50,13 @@ class ConfigParameters : public ::testing::Test {
         return qvctrl_ReadConfigParameters(write(text).c_str(), config_.get(), 0);
     }
 
-    // Sends every log line of the test to a trace file; log_text() reads it back.
-    void capture_log() {
-        trace_path_ = dir_ / "capture.trc";
-        traces_.push_back(trace_path_);
-        ASSERT_EQ(QVOpenTraceFile(trace_path_.c_str(), QVLOG_TRACE, 0), 0);
-    }
-    std::string log_text() const {
-        return qvtest::file_exists(trace_path_) ? qvtest::read_file(trace_path_) : "";
-    }
+    std::string log_text() const { return log_.text(); }
 
     qvtest::TempDir dir_;
-    std::unique_ptr<quorvale_control_config_t> config_;
+    qvtest::LogCapture log_;
+    std::unique_ptr<quorvale_control_config_t> config_ = qvctrl_config_new();
     std::vector<std::string> env_;
     std::vector<std::string> traces_;
-    std::string trace_path_;
-    int saved_level_ = 0;
 };
 
 }  // namespace
@@ -98,7 +82,6 @@ TEST_F(ConfigParameters, MinimalFileGivesTheDefaultsOfARead) {
 }
 
 TEST_F(ConfigParameters, NumbersBooleansAndWords) {
-    capture_log();
     ASSERT_EQ(read(kBase + "MAX_LOG_SIZE_MB=5000000000\n"
                            "JSON_LOG=2\n"
                            "CLUSTER_NAME=east west\n"
@@ -152,7 +135,6 @@ TEST_F(ConfigParameters, EnvironmentWinsAndABadNumberStopsTheReading) {
     set_env("QV_SHUTDOWN_DELAY", "3 seconds");
     set_env("QV_APIGW_URL", "https://gw.example/api with blanks");
     set_env("QV_WORKER_REGISTRY_TTL", "99999999999999999999");
-    capture_log();
     EXPECT_EQ(read(kBase + "SHUTDOWN_DELAY=7\nEPOLOG-WORKER-THREADS=4\n"), -1);
     EXPECT_EQ(config_->shutdown_delay, 3);
     EXPECT_EQ(config_->apigw_url, "https://gw.example/api with blanks");
@@ -163,7 +145,6 @@ TEST_F(ConfigParameters, EnvironmentWinsAndABadNumberStopsTheReading) {
 }
 
 TEST_F(ConfigParameters, InstalledServicesAreMandatory) {
-    capture_log();
     EXPECT_EQ(read("[GLOBAL]\nNATS_URL=nats://localhost:4222\nBROKER_CERT=/c\n"
                    "[qv-av-control]\nBROKER_PASSWORD=p\nSHUTDOWN_DELAY=9\n"),
               -1);
@@ -174,7 +155,6 @@ TEST_F(ConfigParameters, InstalledServicesAreMandatory) {
 
 TEST_F(ConfigParameters, CloudManagementDerivesBrokerFilesFromTheBaseDirectory) {
     const std::string cloud = kBase + "[GLOBAL]\nCLOUD_MANAGEMENT=1\n";
-    capture_log();
     EXPECT_EQ(read(cloud), -1);
     EXPECT_TRUE(config_->controlled_services.empty());
     EXPECT_NE(log_text().find("BROKER_AUTH_FILE/BROKER_PID_FILE could not be derived"),
@@ -273,7 +253,6 @@ TEST_F(ConfigParameters, NatsServerUrlAndUser) {
 }
 
 TEST_F(ConfigParameters, NatsReaderFailures) {
-    capture_log();
     std::unique_ptr<qv_nats_config> slot;
     auto no_url = load("[GLOBAL]\nBROKER_CERT=/c\n[qv-av-control]\nBROKER_PASSWORD=p\n");
     EXPECT_EQ(qvctrl_ReadNatsConfigParameters("qv-av-control", "", no_url.get(), true, true, slot),

@@ -24,11 +24,7 @@ namespace {
 
 const std::string kInjection = "w\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0\r\n";
 
-// The JSON text of a string member.
-std::string quoted(const std::string& value) {
-    qv::json_ptr s(json_object_new_string_len(value.data(), static_cast<int>(value.size())));
-    return qv_json_to_string(s.get());
-}
+using qvtest::quoted;
 
 std::string error_reply(int rc, const std::string& text) {
     return "{\"ReturnCode\": " + std::to_string(rc) + ", \"Error\": \"" + text + "\"}";
@@ -42,7 +38,6 @@ class HostileRequests : public ::testing::Test {
     qvtest::LogCapture log;
 
     bool logged(const std::string& text) const { return log.contains(text); }
-    void clear_trace() { log.clear(); }
     std::string call(qv_service_handler_t handler, const std::string& body, int* rc = nullptr) {
         return qvtest::call_handler(handler, config.get(), body, rc);
     }
@@ -132,7 +127,7 @@ TEST_F(HostileRequests, ClientServiceNameIsCheckedAsItIsLookedUpAndTheHostOnlyLo
     EXPECT_EQ(call(client, request("sap01", "qv av")), error_reply(-1, "Invalid service name"));
 
     // The host name goes nowhere but the trace line, escaped; so does the request dump.
-    clear_trace();
+    log.clear();
     EXPECT_EQ(call(client, request("sap01\r\nforged line", "qv-av-trellix")), kOK);
     EXPECT_TRUE(logged("r1 - PRD at sap01\\r\\nforged line is requesting service"));
     EXPECT_TRUE(logged("qv-av-control service got message: {\"Command\": 2,"));
@@ -154,7 +149,7 @@ TEST_F(HostileRequests, EveryDispatcherTakesOnlyAJsonObject) {
     }
     EXPECT_TRUE(logged("Failed to parse JSON. Errorcode: not a JSON object. JSON: \n"));
     // A dumped request cannot start a line of its own.
-    clear_trace();
+    log.clear();
     call(qv_av_control_worker_service_request_handler, "{\"Command\": 77,\r\n\"forged\": 1}");
     EXPECT_TRUE(logged("Complete request:\n{\"Command\": 77,\\r\\n\"forged\": 1}"));
     EXPECT_FALSE(logged("\n\"forged\""));

@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "log_capture.h"
@@ -168,10 +166,7 @@ TEST(LogDispatcher, DropsEmptyEntriesAndRestoresUnsentOnesWhenStopped) {
     const std::string stale =
         pq->queue_data_dir + "/claimed_999999_L2b4e28ba-2fa1-11d2-883f-0016d3cca427.dat";
     qvtest::write_file(stale, "{}");
-    struct timeval old[2];
-    gettimeofday(&old[0], nullptr);
-    old[1] = old[0] = {old[0].tv_sec - 7200, 0};
-    ASSERT_EQ(utimes(stale.c_str(), old), 0);
+    ASSERT_TRUE(qvtest::set_age(stale, 7200));
 
     auto cfg = qv_nats_config_new();  // never connected
     auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), cfg.get());
@@ -182,14 +177,9 @@ TEST(LogDispatcher, DropsEmptyEntriesAndRestoresUnsentOnesWhenStopped) {
 
     EXPECT_TRUE(log.contains("Failed to send log/event entry"));
     EXPECT_TRUE(log.contains("Re-entered 1 stale claimed queue entry into the dispatch pool"));
-    std::vector<std::string> names;
-    DIR* dir = opendir(pq->queue_data_dir.c_str());
-    while (struct dirent* e = readdir(dir)) {
-        if (e->d_name[0] != '.') {
-            names.emplace_back(e->d_name);
-            EXPECT_EQ(e->d_name[0], 'L') << e->d_name;
-        }
-    }
-    closedir(dir);
+    const std::vector<std::string> names = qvtest::list_dir(pq->queue_data_dir);
     EXPECT_EQ(names.size(), 6u);
+    for (const std::string& name : names) {
+        EXPECT_EQ(name[0], 'L') << name;
+    }
 }

@@ -2,9 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,27 +15,13 @@
 #include "qv_shm-heartbeat.h"
 #include "qvctrl_PIDlockfile.h"
 #include "qvsemaphore.h"
+#include "qv_test_util.h"
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char templ[] = "/tmp/qv_pidhb_XXXXXX";
-        path = mkdtemp(templ) != nullptr ? templ : "/nonexistent";
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string operator/(const char* name) const { return path + "/" + name; }
-};
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void write_file(const std::string& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
-}
+using qvtest::read_file;
+using qvtest::TempDir;
+using qvtest::write_file;
 
 mode_t file_mode(const std::string& path) {
     struct stat st {};

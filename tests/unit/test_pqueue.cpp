@@ -7,11 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,26 +40,10 @@ bool is_element_name(const std::string& name, char kind) {
 const std::string kUuid = "1b4e28ba-2fa1-11d2-883f-0016d3cca427";
 const std::string kUuid2 = "2fa1aaaa-2fa1-11d2-883f-0016d3cca427";
 
-std::vector<std::string> list_dir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* dir = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(dir)) {
-            if (e->d_name[0] != '.') {
-                names.emplace_back(e->d_name);
-            }
-        }
-        closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
+using qvtest::list_dir;
 
 void set_age(const std::string& path, long seconds_ago) {
-    struct timeval t[2];
-    gettimeofday(&t[0], nullptr);
-    t[0].tv_sec -= seconds_ago;
-    t[1] = t[0];
-    ASSERT_EQ(utimes(path.c_str(), t), 0) << path;
+    ASSERT_TRUE(qvtest::set_age(path, seconds_ago)) << path;
 }
 
 std::string text_of(const qv_pqueue_data& element) {

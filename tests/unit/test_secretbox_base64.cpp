@@ -6,7 +6,7 @@
 
 #include <sodium.h>
 
-#include "log.h"
+#include "log_capture.h"
 #include "qv_base64_decode.h"
 #include "qv_secretbox_encryption.h"
 #include "qv_test_util.h"
@@ -116,12 +116,7 @@ TEST_F(Secretbox, NonceAdvancesLittleEndianWithCarry) {
 }
 
 TEST_F(Secretbox, RefusesEmptyAndDamagedInput) {
-    qvtest::TempDir dir;
-    const std::string trace = dir / "trace.log";
-    const int saved_level = log_get_level();
-    log_set_quiet(1);
-    log_set_filename(trace.c_str());
-    log_set_level(QVLOG_ERROR);
+    qvtest::LogCapture log;
 
     const std::vector<unsigned char> nonce_before = key_->nonce;
     const unsigned char one = 'x';
@@ -145,13 +140,8 @@ TEST_F(Secretbox, RefusesEmptyAndDamagedInput) {
     }
     EXPECT_EQ(qv_secretbox_decrypt_buffer(cipher.data(), 15, key_.get(), key_->nonce.data(), &out),
               -1);
-
-    log_set_filename(nullptr);
-    log_set_level(saved_level);
-    log_set_quiet(0);
-    const std::string log = qvtest::read_file(trace);
-    EXPECT_NE(log.find("Invalid input"), std::string::npos) << log;
-    EXPECT_NE(log.find("Failed to decrypt buffer"), std::string::npos) << log;
+    EXPECT_TRUE(log.contains("Invalid input")) << log.text();
+    EXPECT_TRUE(log.contains("Failed to decrypt buffer")) << log.text();
 }
 
 TEST(Base64, RecognisesTheAlphabetWithLineBreaksUpToPadding) {

@@ -24,16 +24,14 @@
 #include "log-helper.h"
 #include "log.h"
 #include "qv_handles.h"
+#include "qv_test_util.h"
 #include "qvsemaphore.h"
 
 namespace {
 
 using std::chrono::milliseconds;
 
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using qvtest::read_file;
 
 // The lines of a trace file, each split into its time stamp (to the second) and what follows
 // "] "; a line that does not start with a well-formed stamp comes back whole as the rest.
@@ -73,9 +71,6 @@ std::string semaphore_name_for(std::string path) {
 class TraceLog : public ::testing::Test {
   protected:
     void SetUp() override {
-        char templ[] = "/tmp/qv_trace_XXXXXX";
-        ASSERT_NE(mkdtemp(templ), nullptr);
-        dir_ = templ;
         saved_progname_ = qv__progname;
         qv__progname = "qvtest";
         log_set_quiet(1);  // screen copies only where a test turns them on
@@ -90,7 +85,6 @@ class TraceLog : public ::testing::Test {
         for (const std::string& name : semaphores_) {
             sem_unlink(name.c_str());
         }
-        std::filesystem::remove_all(dir_);
     }
     std::string open_trace(const char* name, int level) {
         const std::string path = dir_ + "/" + name;
@@ -99,7 +93,8 @@ class TraceLog : public ::testing::Test {
         return path;
     }
 
-    std::string dir_;
+    qvtest::TempDir tmp_;
+    const std::string dir_ = tmp_.path();
     const char* saved_progname_ = nullptr;
     std::vector<std::string> semaphores_;
 };
@@ -165,32 +160,17 @@ TEST_F(TraceLog, FileOfExactlyTheLimitIsZippedAndTheLineStartsANewFile) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].second, body("INFO", "fresh"));
 
-    std::vector<std::string> zips;
-    for (const auto& e : std::filesystem::directory_iterator(dir_)) {
-        if (e.path().extension() == ".zip") {
-            zips.push_back(e.path().string());
-        }
-    }
+    std::vector<std::string> zips = qvtest::files_below(dir_);
+    std::erase(zips, path);
     ASSERT_EQ(zips.size(), 1u);
     // <trace path>_<local time>.zip
     const std::string stamp = zips[0].substr(path.size());
     struct tm local {};
     const char* end = strptime(stamp.c_str(), "_%Y-%m-%d__%H-%M-%S", &local);
     EXPECT_TRUE(stamp.size() == 25 && end != nullptr && std::string(end) == ".zip") << stamp;
-    qv::archive_read_ptr zip(archive_read_new());
-    archive_read_support_format_zip(zip.get());
-    ASSERT_EQ(archive_read_open_filename(zip.get(), zips[0].c_str(), 10240), ARCHIVE_OK);
-    struct archive_entry* entry = nullptr;
-    ASSERT_EQ(archive_read_next_header(zip.get(), &entry), ARCHIVE_OK);
-    EXPECT_EQ(archive_entry_pathname(entry), path);
-    EXPECT_EQ(archive_entry_size(entry), 1000000);
-    std::string data;
-    char buffer[65536];
-    for (la_ssize_t n; (n = archive_read_data(zip.get(), buffer, sizeof(buffer))) > 0;) {
-        data.append(buffer, static_cast<size_t>(n));
-    }
-    EXPECT_TRUE(data == full);
-    EXPECT_EQ(archive_read_next_header(zip.get(), &entry), ARCHIVE_EOF);
+    std::string entry;
+    EXPECT_TRUE(qvtest::read_zip(zips[0], &entry) == full);
+    EXPECT_EQ(entry, path);
 }
 
 TEST_F(TraceLog, WritersOfOnePathShareOneSemaphoreAndGiveUpAfterFiveSeconds) {

@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "log.h"
+#include "log_capture.h"
 #include "qv_json.h"
 #include "qv_test_util.h"
 #include "qvctrl_adjust_worker_capacity.h"
@@ -27,24 +27,9 @@ std::string upper(std::string s) {
 class Registry : public ::testing::Test {
   protected:
     std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
-    qvtest::TempDir dir;
-    const std::string log_path = dir / "trace.log";
-    const int saved_level = log_get_level();
+    qvtest::LogCapture log;
 
-    void SetUp() override {
-        log_set_quiet(1);
-        log_set_filename(log_path.c_str());
-        log_set_level(QVLOG_TRACE);
-    }
-    void TearDown() override {
-        log_set_filename(nullptr);
-        log_set_level(saved_level);
-        log_set_quiet(0);
-    }
-    bool logged(const std::string& text) const {
-        return qvtest::file_exists(log_path) &&
-               qvtest::read_file(log_path).find(text) != std::string::npos;
-    }
+    bool logged(const std::string& text) const { return log.contains(text); }
     int apply(const std::string& document) {
         qv::json_ptr doc = qv_json_parse(document);
         return qvctrl_apply_worker_registration(config.get(), doc.get());
