@@ -218,6 +218,9 @@ qv::nats_options_ptr s_build_options(const qv_nats_config* config, unsigned int*
     natsOptions_SetReconnectedCB(raw, s_reconnected_cb, nullptr);
     natsOptions_SetClosedCB(raw, s_closed_cb, nullptr);
     natsOptions_SetErrorHandler(raw, s_async_error_cb, nullptr);
+    // Every reply, request and bucket operation is written as soon as it is made: the library's
+    // default flusher batches writes and adds about a millisecond to each round trip.
+    natsOptions_SetSendAsap(raw, true);
     // Each early attempt is a single try (s_connect counts them); only the last one is handed to
     // the library to keep trying in the background. A synchronous retry inside the library would
     // block for ever with unlimited reconnects, also on a wrong password.
@@ -920,7 +923,10 @@ void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
     if (body_len > 0) {
         rr.request.json_txt.assign(natsMsg_GetData(msg), static_cast<size_t>(body_len));
         const char* failure = nullptr;
-        qv::json_ptr obj = qv_json_parse(rr.request.json_txt);
+        // Only a request that names a staged payload is parsed here; the handler parses the rest.
+        qv::json_ptr obj = rr.request.json_txt.find("_kv_key") != std::string::npos
+                               ? qv_json_parse(rr.request.json_txt)
+                               : nullptr;
         json_object* kv_key = nullptr;
         if (obj && json_object_is_type(obj.get(), json_type_object) &&
             json_object_object_get_ex(obj.get(), "_kv_key", &kv_key)) {
