@@ -696,10 +696,10 @@ void s_on_fanout_reply(natsConnection* /*nc*/, natsSubscription* /*sub*/, natsMs
 
 void s_on_fanout_complete(void* closure) {
     auto* queue = static_cast<s_reply_queue*>(closure);
-    {
-        std::lock_guard<std::mutex> guard(queue->mutex);
-        queue->complete = true;
-    }
+    // Notified under the lock: the waiter destroys the queue as soon as it sees `complete`, so
+    // the condition variable must not be touched once the lock is released.
+    std::lock_guard<std::mutex> guard(queue->mutex);
+    queue->complete = true;
     queue->arrived.notify_all();
 }
 
