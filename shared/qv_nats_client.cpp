@@ -928,10 +928,14 @@ struct s_discovery_record {
     const int& status;
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     ~s_discovery_record() {
+        const auto elapsed = std::chrono::steady_clock::now() - begin;
+        if (status == 0) {
+            qv_nats_micro::record(endpoint, elapsed, nullptr);
+            return;
+        }
         char error[32];
         snprintf(error, sizeof(error), "status %d", status);
-        qv_nats_micro::record(endpoint, std::chrono::steady_clock::now() - begin,
-                              status != 0 ? error : nullptr);
+        qv_nats_micro::record(endpoint, elapsed, error);
     }
 };
 
