@@ -12,6 +12,17 @@ PACKAGES=(
   clang libclang-rt-14-dev
 )
 
+# The services framework's JavaScript client for the discovery test, at the exact versions of
+# tests/support/node/package-lock.json and installed there only (its node_modules is not
+# tracked). Optional: without node and npm that one test is skipped.
+node_dir="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/support/node"
+if command -v npm >/dev/null 2>&1 &&
+  [ ! -f "$node_dir/node_modules/@nats-io/services/package.json" ]; then
+  echo "Installing the services client into $node_dir/node_modules"
+  (cd "$node_dir" && npm ci --no-audit --no-fund --loglevel=error) ||
+    echo "install-deps.sh: npm ci failed; the JavaScript discovery test will be skipped" >&2
+fi
+
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

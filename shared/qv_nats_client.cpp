@@ -15,6 +15,7 @@
 #include "log.h"
 #include "qv_json.h"
 #include "qv_nats_kv.h"
+#include "qv_nats_micro.h"
 #include "qv_nats_nr_backoff.h"
 #include "qv_validate.h"
 #include "qvhlp_replies.h"
@@ -369,6 +370,8 @@ struct qv_nats_handler_thread_args_t {
     int64_t drops_seen = 0;     // dropped on drops_sub
     int64_t drops_reported = 0;
     std::chrono::steady_clock::time_point drops_logged{};
+    // The service's discovery statistics.
+    qv_nats_micro_endpoint* endpoint = nullptr;
 };
 
 std::shared_ptr<natsConnection> qv_nats_connection(qv_nats_config* config) {
@@ -464,6 +467,10 @@ int qv_nats_check_connection(qv_nats_config* config) {
     }
     if (renewed > 0) {
         log_info("NATS: %d service subscription(s) renewed", renewed);
+    }
+    // The discovery responder's subscriptions, likewise.
+    if (config->_micro.renew(conn.get()) != 0) {
+        failed++;
     }
     return failed == 0 ? 0 : -1;
 }
@@ -914,12 +921,31 @@ bool s_fetch_staged(qv_nats_config* config, json_object* kv_key, qv_message_t* r
     return true;
 }
 
+// One request in the service's discovery statistics, timed until its handling ends (the reply
+// sent); a status other than 0 counts as an error.
+struct s_discovery_record {
+    qv_nats_micro_endpoint* endpoint;
+    const int& status;
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+    ~s_discovery_record() {
+        const auto elapsed = std::chrono::steady_clock::now() - begin;
+        if (status == 0) {
+            qv_nats_micro::record(endpoint, elapsed, nullptr);
+            return;
+        }
+        char error[32];
+        snprintf(error, sizeof(error), "status %d", status);
+        qv_nats_micro::record(endpoint, elapsed, error);
+    }
+};
+
 void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
     const int body_len = natsMsg_GetDataLength(msg);
     const char* reply_subject = natsMsg_GetReply(msg);
     const bool answer = reply_subject != nullptr && reply_subject[0] != '\0';
     qv_request_reply_t rr;
     int rc = -1;
+    const s_discovery_record discovery{args.endpoint, rc};
     if (body_len > 0) {
         rr.request.json_txt.assign(natsMsg_GetData(msg), static_cast<size_t>(body_len));
         const char* failure = nullptr;
@@ -1040,6 +1066,7 @@ int qv_nats_start_service_handler_threads(qv_nats_config* config, const char* se
     args->handler = request_handler;
     args->handler_config = request_handler_config;
     args->terminate = terminate;
+    args->endpoint = config->_micro.add_endpoint(service);
     {
         std::lock_guard<std::mutex> guard(config->_services_mutex);
         config->_services.push_back(args);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "qv_handles.h"
+#include "qv_nats_micro.h"
 
 struct qv_nats_handler_thread_args_t;
 
@@ -57,6 +58,9 @@ struct qv_nats_config {
     // The services offered on this connection, subscribed again on a rebuilt connection.
     std::mutex _services_mutex;
     std::vector<std::shared_ptr<qv_nats_handler_thread_args_t>> _services;
+    // Discovery by the services tooling: the endpoints and statistics of the services above, and
+    // the responder. Last, so that it stops before the handles above go.
+    qv_nats_micro _micro;
 };
 
 std::unique_ptr<qv_nats_config> qv_nats_config_new();

@@ -484,6 +484,10 @@ int s_run(int argc, char** argv) {
             if (s_start_threads(config, &update_thread) != 0) {
                 rc = -1;
             } else {
+                // The services run: the services tooling may discover them (a subscription that
+                // fails now is made again by the main loop's connection check).
+                qv_nats_config* nats = config->main_nats_config.get();
+                nats->_micro.start(qv_nats_connection(nats).get());
                 s_main_loop(config, update_params.get(), argv);
                 if (pidfile_fd >= 0) {
                     close(pidfile_fd);
@@ -521,6 +525,9 @@ int s_run(int argc, char** argv) {
     }
     s_log_handled_signal();
 
+    if (config->main_nats_config) {
+        config->main_nats_config->_micro.stop();
+    }
     qv_nats_deinit(config->main_nats_config.get());
     update_params.reset();
     log_trace("removing the update lockfile");
