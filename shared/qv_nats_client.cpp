@@ -8,6 +8,7 @@
 #include <cstring>
 #include <random>
 #include <thread>
+#include <unordered_map>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -475,6 +476,31 @@ int qv_nats_check_connection(qv_nats_config* config) {
     return failed == 0 ? 0 : -1;
 }
 
+namespace {
+
+// The replies of one fan-out. They arrive through an asynchronous subscription: a synchronous
+// one turns a no-responders answer into a bare status and drops the message, and with it the
+// subject it was for.
+struct s_reply_queue {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::deque<qv::nats_msg_ptr> msgs;
+};
+
+}  // namespace
+
+// One wildcard subscription, "<inbox>.*.*", receives the replies of every fan-out on a
+// connection: the second-last token names the fan-out, the last one its target. Subscribing per
+// fan-out would cost a subscription round trip and a delivery thread for every event.
+struct qv_nats_fanout_inbox {
+    std::mutex mutex;
+    std::weak_ptr<natsConnection> conn;  // the connection `sub` belongs to
+    qv::nats_subscription_ptr sub;
+    std::string prefix;
+    uint64_t next = 0;
+    std::unordered_map<uint64_t, s_reply_queue*> queues;
+};
+
 void qv_nats_deinit(qv_nats_config* config) {
     if (config == nullptr) {
         return;
@@ -491,6 +517,15 @@ void qv_nats_deinit(qv_nats_config* config) {
         config->_kv.reset();
         config->_js.reset();
         conn = std::move(config->_conn);
+    }
+    std::shared_ptr<qv_nats_fanout_inbox> inbox;
+    {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        inbox = config->_fanout_inbox;
+    }
+    if (inbox) {
+        std::lock_guard<std::mutex> guard(inbox->mutex);
+        inbox->sub.reset();
     }
     if (conn) {
         // Closing wakes the handler threads out of their receive; give them a moment to leave
@@ -681,43 +716,81 @@ struct s_fanout_target {
     std::chrono::steady_clock::time_point deadline;
 };
 
-// The replies of one fan-out. They arrive through an asynchronous subscription: a synchronous
-// one turns a no-responders answer into a bare status and drops the message, and with it the
-// subject it was for.
-struct s_reply_queue {
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::deque<qv::nats_msg_ptr> msgs;
-    bool complete = false;  // no callback runs any more
-};
-
 void s_on_fanout_reply(natsConnection* /*nc*/, natsSubscription* /*sub*/, natsMsg* msg,
                        void* closure) {
-    auto* queue = static_cast<s_reply_queue*>(closure);
-    {
-        std::lock_guard<std::mutex> guard(queue->mutex);
-        queue->msgs.emplace_back(msg);
+    qv::nats_msg_ptr owned(msg);
+    auto* inbox = static_cast<qv_nats_fanout_inbox*>(closure);
+    const std::string_view subject(natsMsg_GetSubject(msg));
+    const size_t last = subject.rfind('.');
+    const size_t id_dot = last == std::string_view::npos || last == 0
+                              ? std::string_view::npos
+                              : subject.rfind('.', last - 1);
+    if (id_dot == std::string_view::npos) {
+        return;
     }
+    const uint64_t id =
+        strtoull(std::string(subject.substr(id_dot + 1, last - id_dot - 1)).c_str(), nullptr, 10);
+    // The fan-out's queue stays registered, and so alive, while this lock is held.
+    std::lock_guard<std::mutex> guard(inbox->mutex);
+    auto it = inbox->queues.find(id);
+    if (it == inbox->queues.end()) {
+        return;  // a late answer to a fan-out that has ended
+    }
+    s_reply_queue* queue = it->second;
+    std::lock_guard<std::mutex> queue_guard(queue->mutex);
+    queue->msgs.push_back(std::move(owned));
     queue->arrived.notify_one();
 }
 
-void s_on_fanout_complete(void* closure) {
-    auto* queue = static_cast<s_reply_queue*>(closure);
-    // Notified under the lock: the waiter destroys the queue as soon as it sees `complete`, so
-    // the condition variable must not be touched once the lock is released.
-    std::lock_guard<std::mutex> guard(queue->mutex);
-    queue->complete = true;
-    queue->arrived.notify_all();
+// Registers a fan-out's queue with the connection's reply subscription (made for this
+// connection when it has none yet). The reply subject prefix of the fan-out, or empty on failure.
+std::string s_register_fanout(qv_nats_config* config, const std::shared_ptr<natsConnection>& conn,
+                              s_reply_queue* queue, uint64_t* id) {
+    std::shared_ptr<qv_nats_fanout_inbox> inbox;
+    {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        if (!config->_fanout_inbox) {
+            config->_fanout_inbox = std::make_shared<qv_nats_fanout_inbox>();
+        }
+        inbox = config->_fanout_inbox;
+    }
+    std::lock_guard<std::mutex> guard(inbox->mutex);
+    if (inbox->conn.lock() != conn || !inbox->sub || !natsSubscription_IsValid(inbox->sub.get())) {
+        natsInbox* name = nullptr;
+        if (natsInbox_Create(&name) != NATS_OK) {
+            log_error("Failed to allocate %s", "inbox");
+            return "";
+        }
+        const std::string prefix = name;
+        natsInbox_Destroy(name);
+        natsSubscription* raw = nullptr;
+        const natsStatus s = natsConnection_Subscribe(&raw, conn.get(), (prefix + ".*.*").c_str(),
+                                                      s_on_fanout_reply, inbox.get());
+        if (s != NATS_OK) {
+            log_error("NATS: failed to subscribe to '%s': %s", prefix.c_str(),
+                      natsStatus_GetText(s));
+            return "";
+        }
+        natsSubscription_SetPendingLimits(raw, -1, -1);
+        inbox->sub.reset(raw);
+        inbox->conn = conn;
+        inbox->prefix = prefix;
+    }
+    *id = ++inbox->next;
+    inbox->queues[*id] = queue;
+    return inbox->prefix + "." + std::to_string(*id);
 }
 
-// Ends the subscription and waits until its callbacks are done with the queue.
-void s_end_fanout(natsSubscription* sub, s_reply_queue* queue) {
-    if (natsSubscription_Unsubscribe(sub) != NATS_OK) {
-        // Without a running subscription no callback is pending either.
-        return;
+void s_unregister_fanout(qv_nats_config* config, uint64_t id) {
+    std::shared_ptr<qv_nats_fanout_inbox> inbox;
+    {
+        std::lock_guard<std::mutex> guard(config->_services_mutex);
+        inbox = config->_fanout_inbox;
     }
-    std::unique_lock<std::mutex> guard(queue->mutex);
-    queue->arrived.wait_for(guard, std::chrono::seconds(5), [queue] { return queue->complete; });
+    if (inbox) {
+        std::lock_guard<std::mutex> guard(inbox->mutex);
+        inbox->queues.erase(id);
+    }
 }
 
 }  // namespace
@@ -732,25 +805,15 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
     if (!conn || subjects.empty()) {
         return results;
     }
-    // Every reply comes to one wildcard inbox; the last token tells the subjects apart.
-    natsInbox* inbox = nullptr;
-    if (natsInbox_Create(&inbox) != NATS_OK) {
-        log_error("Failed to allocate %s", "inbox");
-        return results;
-    }
-    const std::string prefix = inbox;
-    natsInbox_Destroy(inbox);
+    // Every reply comes to the connection's fan-out inbox; the last token tells the subjects
+    // apart.
     s_reply_queue queue;
-    natsSubscription* raw_sub = nullptr;
-    natsStatus s = natsConnection_Subscribe(&raw_sub, conn.get(), (prefix + ".*").c_str(),
-                                            s_on_fanout_reply, &queue);
-    qv::nats_subscription_ptr sub(raw_sub);
-    if (s != NATS_OK) {
-        log_error("NATS: failed to subscribe to '%s': %s", prefix.c_str(), natsStatus_GetText(s));
+    uint64_t fanout_id = 0;
+    const std::string prefix = s_register_fanout(config, conn, &queue, &fanout_id);
+    if (prefix.empty()) {
         return results;
     }
-    natsSubscription_SetPendingLimits(sub.get(), -1, -1);
-    natsSubscription_SetOnCompleteCB(sub.get(), s_on_fanout_complete, &queue);
+    natsStatus s = NATS_OK;
     log_trace("NATS: sending request to %zu subject(s) (timeout: %ums, attempts: %d):\n%s",
               subjects.size(), timeout_ms, attempts, request_json_txt.c_str());
 
@@ -853,7 +916,7 @@ std::vector<int> qv_nats_simple_request_all(qv_nats_config* config,
         t.done = true;
         open--;
     }
-    s_end_fanout(sub.get(), &queue);
+    s_unregister_fanout(config, fanout_id);
     return results;
 }
 

@@ -14,6 +14,7 @@
 #include "qv_nats_micro.h"
 
 struct qv_nats_handler_thread_args_t;
+struct qv_nats_fanout_inbox;
 
 struct qv_nats_config {
     std::string server_url;
@@ -58,6 +59,9 @@ struct qv_nats_config {
     // The services offered on this connection, subscribed again on a rebuilt connection.
     std::mutex _services_mutex;
     std::vector<std::shared_ptr<qv_nats_handler_thread_args_t>> _services;
+    // The one reply subscription that every fan-out of requests on this connection shares
+    // (made on first use, again for a rebuilt connection).
+    std::shared_ptr<qv_nats_fanout_inbox> _fanout_inbox;
     // Discovery by the services tooling: the endpoints and statistics of the services above, and
     // the responder. Last, so that it stops before the handles above go.
     qv_nats_micro _micro;
