@@ -16,6 +16,7 @@
 #include "log.h"
 #include "qv_json.h"
 #include "qv_nats_kv.h"
+#include "qv_nats_kv_cache.h"
 #include "qv_nats_micro.h"
 #include "qv_nats_nr_backoff.h"
 #include "qv_validate.h"
@@ -507,8 +508,10 @@ void qv_nats_deinit(qv_nats_config* config) {
     }
     config->_closing.store(true);
     std::shared_ptr<natsConnection> conn;
+    std::shared_ptr<qv_nats_kv_cache> cache;
     {
         std::lock_guard<std::mutex> guard(config->_kv_mutex);
+        cache = std::move(config->_config_cache);
         config->_kv_registry.reset();
         for (size_t i = 0; i < config->_kv_extra.size(); ++i) {
             config->_kv_extra[i].reset();
@@ -517,6 +520,9 @@ void qv_nats_deinit(qv_nats_config* config) {
         config->_kv.reset();
         config->_js.reset();
         conn = std::move(config->_conn);
+    }
+    if (cache) {
+        cache->stop();
     }
     std::shared_ptr<qv_nats_fanout_inbox> inbox;
     {
@@ -961,7 +967,7 @@ void s_report_drops(qv_nats_handler_thread_args_t& args, natsSubscription* sub) 
 // The staged payload named by the request's "_kv_key" into request.data; false (logged, with
 // the reply text in *failure) when the key is malformed or the payload cannot be had.
 bool s_fetch_staged(qv_nats_config* config, json_object* kv_key, qv_message_t* request,
-                    const char** failure) {
+                    qv_staged_budget::ticket* ticket, const char** failure) {
     const std::string_view key =
         json_object_is_type(kv_key, json_type_string)
             ? std::string_view(json_object_get_string(kv_key),
@@ -973,7 +979,8 @@ bool s_fetch_staged(qv_nats_config* config, json_object* kv_key, qv_message_t* r
         return false;
     }
     request->staged_data_key.assign(key);
-    if (kvstore_get_chunked(config, request->staged_data_key.c_str(), &request->data) != 0) {
+    if (kvstore_get_chunked_budgeted(config, request->staged_data_key.c_str(), &request->data,
+                                     ticket) != 0) {
         log_error(
             "NATS: could not retrieve staged payload for key '%s' — failing the request closed "
             "(handler not invoked)",
@@ -1006,6 +1013,9 @@ void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
     const int body_len = natsMsg_GetDataLength(msg);
     const char* reply_subject = natsMsg_GetReply(msg);
     const bool answer = reply_subject != nullptr && reply_subject[0] != '\0';
+    // Declared first, so that the payload's share of the budget is given back only after the
+    // payload itself is gone.
+    qv_staged_budget::ticket staged_share;
     qv_request_reply_t rr;
     int rc = -1;
     const s_discovery_record discovery{args.endpoint, rc};
@@ -1019,7 +1029,7 @@ void s_handle_message(qv_nats_handler_thread_args_t& args, natsMsg* msg) {
         json_object* kv_key = nullptr;
         if (obj && json_object_is_type(obj.get(), json_type_object) &&
             json_object_object_get_ex(obj.get(), "_kv_key", &kv_key)) {
-            s_fetch_staged(args.config, kv_key, &rr.request, &failure);
+            s_fetch_staged(args.config, kv_key, &rr.request, &staged_share, &failure);
             json_object_object_del(obj.get(), "_kv_key");
             rr.request.json_txt = qv_json_to_string(obj.get());
         }

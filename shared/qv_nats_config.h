@@ -15,6 +15,7 @@
 
 struct qv_nats_handler_thread_args_t;
 struct qv_nats_fanout_inbox;
+class qv_nats_kv_cache;
 
 struct qv_nats_config {
     std::string server_url;
@@ -65,6 +66,9 @@ struct qv_nats_config {
     // Discovery by the services tooling: the endpoints and statistics of the services above, and
     // the responder. Last, so that it stops before the handles above go.
     qv_nats_micro _micro;
+    // The read cache of the configuration bucket (made on first read, under _kv_mutex). Last of
+    // all: its watch uses the handles above until it is stopped.
+    std::shared_ptr<qv_nats_kv_cache> _config_cache;
 };
 
 std::unique_ptr<qv_nats_config> qv_nats_config_new();

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 #include <pthread.h>
@@ -12,6 +14,8 @@
 #include "log.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
+#include "qv_nats_config.h"
+#include "qv_nats_kv_cache.h"
 #include "qv_validate.h"
 
 namespace {
@@ -316,7 +320,45 @@ int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned cha
     return rc;
 }
 
+namespace {
+
+std::mutex s_budget_mutex;
+std::condition_variable s_budget_freed;
+size_t s_budget_used = 0;
+
+}  // namespace
+
+qv_staged_budget::ticket::~ticket() {
+    if (held_ == 0) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(s_budget_mutex);
+        s_budget_used -= held_;
+    }
+    s_budget_freed.notify_all();
+}
+
+void qv_staged_budget::ticket::take(size_t size) {
+    std::unique_lock<std::mutex> guard(s_budget_mutex);
+    const bool fits = s_budget_freed.wait_for(guard, s_longest_wait, [size] {
+        return s_budget_used == 0 || s_budget_used + size <= s_limit;
+    });
+    if (!fits) {
+        log_warn("NATS: staged payloads of %zu bytes in flight; taking %zu more", s_budget_used,
+                 size);
+    }
+    s_budget_used += size;
+    held_ += size;
+}
+
 int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out) {
+    return kvstore_get_chunked_budgeted(cfg, key, out, nullptr);
+}
+
+int kvstore_get_chunked_budgeted(qv_nats_config* cfg, const char* key,
+                                 std::vector<unsigned char>* out,
+                                 qv_staged_budget::ticket* ticket) {
     kv_handle kv_ref = get_kvstore(cfg);
     if (!kv_ref || key == nullptr || out == nullptr || !s_key_ok(key)) {
         return -1;
@@ -346,6 +388,9 @@ int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsign
             key, static_cast<long long>(chunks), static_cast<long long>(size),
             static_cast<unsigned long long>(cfg->max_staged_payload));
         return -1;
+    }
+    if (ticket != nullptr) {
+        ticket->take(static_cast<size_t>(size));
     }
     std::vector<unsigned char> buffer;
     try {
@@ -447,6 +492,42 @@ void qv_nats_unstage_scan_data(qv_nats_config* cfg, const char* key) {
     }
 }
 
+namespace {
+
+// Reads of the configuration bucket go through this process's cache of it: every scan client's
+// start-up reads the same few configurations, and a round trip to the server for each would
+// bound how fast they are answered. Other buckets hold data read once or written constantly.
+std::shared_ptr<qv_nats_kv_cache> s_read_cache(qv_nats_config* cfg, const char* bucket) {
+    if (strcmp(bucket, QV_KV_CONFIG_BUCKET) != 0) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
+    if (!cfg->_config_cache && cfg->_js && !cfg->_closing.load()) {
+        try {
+            cfg->_config_cache = std::make_shared<qv_nats_kv_cache>(cfg, QV_KV_CONFIG_BUCKET);
+        } catch (const std::exception& e) {
+            log_warn("NATS: no read cache for KV bucket '%s': %s", bucket, e.what());
+        }
+    }
+    return cfg->_config_cache;
+}
+
+void s_invalidate(qv_nats_config* cfg, const char* bucket, const char* key) {
+    if (strcmp(bucket, QV_KV_CONFIG_BUCKET) != 0) {
+        return;
+    }
+    std::shared_ptr<qv_nats_kv_cache> cache;
+    {
+        std::lock_guard<std::mutex> guard(cfg->_kv_mutex);
+        cache = cfg->_config_cache;
+    }
+    if (cache) {
+        cache->invalidate(key);
+    }
+}
+
+}  // namespace
+
 int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
                    std::string* out_value) {
     if (out_value != nullptr) {
@@ -456,10 +537,15 @@ int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
         out_value == nullptr || !s_key_ok(key)) {
         return -1;
     }
+    std::shared_ptr<qv_nats_kv_cache> cache = s_read_cache(cfg, bucket);
+    if (cache && cache->lookup(key, out_value)) {
+        return 0;
+    }
     kv_handle kv = get_kvstore_for(cfg, bucket);
     if (!kv) {
         return -1;
     }
+    qv_nats_kv_cache::fetch fetch(cache.get(), key);
     kvEntry* raw = nullptr;
     natsStatus s = kvStore_Get(&raw, kv.get(), key);
     qv::kv_entry_ptr entry(raw);
@@ -477,6 +563,7 @@ int qv_nats_kv_get(qv_nats_config* cfg, const char* bucket, const char* key,
         out_value->assign(static_cast<const char*>(kvEntry_Value(entry.get())),
                           static_cast<size_t>(len));
     }
+    fetch.found(*out_value, kvEntry_Revision(entry.get()));
     return 0;
 }
 
@@ -490,7 +577,9 @@ int qv_nats_kv_put(qv_nats_config* cfg, const char* bucket, const char* key, con
     if (!kv) {
         return -1;
     }
-    return kv_put_with_ttl(cfg, bucket, kv.get(), key, value, strlen(value), ttl_ms);
+    const int rc = kv_put_with_ttl(cfg, bucket, kv.get(), key, value, strlen(value), ttl_ms);
+    s_invalidate(cfg, bucket, key);
+    return rc;
 }
 
 void qv_nats_kv_delete(qv_nats_config* cfg, const char* bucket, const char* key) {
@@ -500,6 +589,7 @@ void qv_nats_kv_delete(qv_nats_config* cfg, const char* bucket, const char* key)
     kv_handle kv = get_kvstore_for(cfg, bucket);
     if (kv) {
         kvStore_Delete(kv.get(), key);
+        s_invalidate(cfg, bucket, key);
     }
 }
 

@@ -3,6 +3,7 @@
 // staging of scan payloads that travel beside a request.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +32,34 @@ int kvstore_put_chunked(qv_nats_config* cfg, const char* key, const unsigned cha
 // -1 also when the manifest's chunk count does not fit its size or the size exceeds
 // cfg->max_staged_payload (nothing is allocated or read then).
 int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out);
+
+// The staged payloads that served requests hold at one time, in bytes, across the process: a
+// burst of large payloads waits for room instead of growing the daemon without bound. A payload
+// larger than the whole budget is let in alone.
+class qv_staged_budget {
+  public:
+    static constexpr size_t s_limit = 24u << 20;
+    static constexpr std::chrono::seconds s_longest_wait{60};
+
+    // A share of the budget, given back when it goes.
+    class ticket {
+      public:
+        ticket() = default;
+        ~ticket();
+        ticket(const ticket&) = delete;
+        ticket& operator=(const ticket&) = delete;
+        // Waits until `size` bytes fit (at most s_longest_wait, then takes them anyway).
+        void take(size_t size);
+
+      private:
+        size_t held_ = 0;
+    };
+};
+
+// kvstore_get_chunked that first takes the payload's size from the budget into `ticket`, once
+// the manifest is known and before anything is allocated.
+int kvstore_get_chunked_budgeted(qv_nats_config* cfg, const char* key,
+                                 std::vector<unsigned char>* out, qv_staged_budget::ticket* ticket);
 void kvstore_delete_chunked(qv_nats_config* cfg, const char* key);
 // A unique key for staged data: "scan-<pid>-<thread>-<monotonic ns>" in hexadecimal.
 std::string qv_nats_make_scan_key();

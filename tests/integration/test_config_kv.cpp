@@ -9,6 +9,9 @@
 #include "qv_json.h"
 #include "qv_nats_client.h"
 #include "qv_nats_kv.h"
+#include "qv_nats_config.h"
+#include "qv_nats_kv_cache.h"
+#include "qv_test_util.h"
 #include "qvctrl_config_kv.h"
 
 using qvtest::NatsServer;
@@ -107,4 +110,46 @@ TEST_F(ConfigKv, PrefixDeletionAndRealmSidEnumeration) {
     pairs.clear();
     ASSERT_EQ(qvctrl_config_kv_for_each_realm_sid(config.get(), collect), 0);
     EXPECT_EQ(pairs, (std::set<std::pair<std::string, std::string>>{{"r", "2.s2"}}));
+}
+
+// Reads are answered from this instance's cache of the bucket, and a change made by any instance
+// is seen: at once when this instance made it, as soon as the watch reports it otherwise.
+TEST_F(ConfigKv, CachedReadsFollowEveryInstancesChanges) {
+    std::unique_ptr<qv_nats_config> other = server.client_config();
+    ASSERT_EQ(qv_nats_init(other.get()), 0);
+    qv_nats_config* mine = config->main_nats_config.get();
+    EXPECT_EQ(raw("scan.r1.s1"), "<1>");
+    ASSERT_TRUE(mine->_config_cache);
+    ASSERT_TRUE(qvtest::wait_until([&] { return mine->_config_cache->ready(); }));
+
+    ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", "v1", 0), 0);
+    EXPECT_EQ(raw("scan.r1.s1"), "v1");  // a miss is never cached
+    const uint64_t hits = mine->_config_cache->hits();
+    EXPECT_EQ(raw("scan.r1.s1"), "v1");
+    EXPECT_EQ(mine->_config_cache->hits(), hits + 1);
+
+    ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", "v2", 0), 0);
+    EXPECT_TRUE(qvtest::wait_until([&] { return raw("scan.r1.s1") == "v2"; }));
+    qv_nats_kv_delete(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1");
+    EXPECT_TRUE(qvtest::wait_until([&] { return raw("scan.r1.s1") == "<1>"; }));
+
+    // This instance's own writes and deletions are read back at once.
+    for (const char* value : {"v3", "v4", "v5"}) {
+        ASSERT_EQ(qv_nats_kv_put(mine, QV_KV_CONFIG_BUCKET, "scan.r1.s1", value, 0), 0);
+        EXPECT_EQ(raw("scan.r1.s1"), value);
+        EXPECT_EQ(raw("scan.r1.s1"), value);
+    }
+    qvctrl_config_kv_delete_prefix(config.get(), "scan.r1");
+    EXPECT_EQ(raw("scan.r1.s1"), "<1>");
+
+    // A rebuilt connection starts a new watch, which again reports other instances' changes.
+    ASSERT_EQ(qv_nats_kv_put(mine, QV_KV_CONFIG_BUCKET, "ac.r2", "a1", 0), 0);
+    EXPECT_EQ(raw("ac.r2"), "a1");
+    natsConnection_Close(qv_nats_connection(mine).get());
+    ASSERT_EQ(qv_nats_check_connection(mine), 0);
+    ASSERT_TRUE(qvtest::wait_until([&] { return mine->_config_cache->ready(); }));
+    EXPECT_EQ(raw("ac.r2"), "a1");
+    ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "ac.r2", "a2", 0), 0);
+    EXPECT_TRUE(qvtest::wait_until([&] { return raw("ac.r2") == "a2"; }));
+    qv_nats_deinit(other.get());
 }

@@ -467,3 +467,61 @@ TEST_F(KvFixture, TimeToLiveIsTriedAgainOnEveryPutAfterARefusal) {
               "7000ms");
     EXPECT_EQ(log.count("per-message TTL write"), 1);
 }
+
+namespace {
+
+std::atomic<int> s_holding{0};
+std::atomic<int> s_most_holding{0};
+
+// Holds its payload for a moment, as a handler that scans it would.
+int holding_probe(void* context, qv_const_request_reply_t* rr) {
+    const int now = ++s_holding;
+    int most = s_most_holding.load();
+    while (now > most && !s_most_holding.compare_exchange_weak(most, now)) {
+    }
+    std::this_thread::sleep_for(100ms);
+    s_holding--;
+    return payload_probe(context, rr);
+}
+
+}  // namespace
+
+// Payloads that would together pass the process's budget are held one after the other; each
+// request is still answered.
+TEST_F(KvFixture, LargeStagedPayloadsWaitForRoomInsteadOfPilingUp) {
+    ASSERT_EQ(qv_nats_start_service_handler_threads(cfg.get(), "qv-test.hold", holding_probe,
+                                                    nullptr, &stop, 3),
+              0);
+    const size_t size = qv_staged_budget::s_limit / 2 + 1;
+    const auto data = pattern(size);
+    std::vector<std::string> keys(3);
+    for (std::string& key : keys) {
+        ASSERT_EQ(
+            qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 30000, &key, nullptr), 0);
+    }
+    std::vector<int64_t> sizes(keys.size(), -1);
+    std::vector<std::thread> requesters;
+    for (size_t i = 0; i < keys.size(); ++i) {
+        requesters.emplace_back([&, i] {
+            qv_message_t request;
+            request.json_txt = "{\"Command\": 101}";
+            request.staged_data_key = keys[i];
+            qv_message_t reply;
+            qv_const_request_reply_t rr{&request, &reply};
+            qv::json_ptr out =
+                qv_nats_send_recv_json_data(cfg.get(), "qv-test.hold", &rr, 30000, 0, 0, nullptr);
+            json_object* m = nullptr;
+            if (out && json_object_object_get_ex(out.get(), "Size", &m)) {
+                sizes[i] = json_object_get_int64(m);
+            }
+        });
+    }
+    for (std::thread& t : requesters) {
+        t.join();
+    }
+    EXPECT_EQ(sizes, std::vector<int64_t>(keys.size(), static_cast<int64_t>(size)));
+    EXPECT_EQ(s_most_holding.load(), 1);
+    for (const std::string& key : keys) {
+        qv_nats_unstage_scan_data(cfg.get(), key.c_str());
+    }
+}
