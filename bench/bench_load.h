@@ -5,6 +5,9 @@
 // fastest bare responder libnats allows: a connection of its own that answers from the
 // subscription callback and writes each reply at once. A baseline that used the daemon's own
 // messaging options would carry the same overheads and hide them.
+//
+// A run is either a number of requests per requester (run_load) or a time (run_load_for); any
+// other kind of request (a staged payload, say) is timed the same way through measure().
 #pragma once
 
 #include <algorithm>
@@ -22,11 +25,14 @@
 
 namespace qvbench {
 
+using clock_type = std::chrono::steady_clock;
+
 struct load_result {
     double per_second = 0;
     double p50_ms = 0;
     double p99_ms = 0;
     int failures = 0;
+    long requests = 0;
 };
 
 inline qv::nats_connection_ptr connect_asap(const std::string& url) {
@@ -44,65 +50,62 @@ inline qv::nats_connection_ptr connect_asap(const std::string& url) {
     return qv::nats_connection_ptr(conn);
 }
 
-// Answers every request on `subject` with {"ReturnCode": 0} from the delivery callback.
+// Answers every request on `subject` with {"ReturnCode": 0} from the delivery callback, and
+// counts what it received (before it answers, so that a requester that has its reply sees the
+// count).
 class bare_responder {
   public:
     bare_responder(const std::string& url, const std::string& subject) : conn_(connect_asap(url)) {
         natsSubscription* sub = nullptr;
         if (conn_ && natsConnection_Subscribe(&sub, conn_.get(), subject.c_str(), on_message,
-                                              conn_.get()) == NATS_OK) {
+                                              this) == NATS_OK) {
             sub_.reset(sub);
             natsConnection_Flush(conn_.get());
         }
     }
+    bare_responder(const bare_responder&) = delete;
+    bare_responder& operator=(const bare_responder&) = delete;
     bool ok() const { return sub_ != nullptr; }
+    long received() const { return received_.load(); }
+    void reset_count() { received_ = 0; }
 
   private:
-    static void on_message(natsConnection* conn, natsSubscription*, natsMsg* msg, void*) {
+    static void on_message(natsConnection* conn, natsSubscription*, natsMsg* msg, void* closure) {
         static const char reply[] = "{\"ReturnCode\": 0}";
+        static_cast<bare_responder*>(closure)->received_++;
         if (natsMsg_GetReply(msg) != nullptr) {
             natsConnection_Publish(conn, natsMsg_GetReply(msg), reply, sizeof(reply) - 1);
         }
         natsMsg_Destroy(msg);
     }
 
+    std::atomic<long> received_{0};
     qv::nats_connection_ptr conn_;
     qv::nats_subscription_ptr sub_;
 };
 
-// `requesters` threads each send `count` requests to `subject`, request i of requester r with
-// body(r, i); a reply missing within 10 s or whose body `ok` refuses counts as a failure.
-inline load_result run_load(const std::string& url, const std::string& subject, int requesters,
-                            int count, const std::function<std::string(int, int)>& body,
-                            const std::function<bool(const std::string&)>& ok = {}) {
-    using clock_type = std::chrono::steady_clock;
+// One request of requester `r`, its `i`-th: true when it was answered as expected.
+using request_fn = std::function<bool(int r, int i)>;
+// Whether requester's request `i` is still to be made, asked just before it is.
+using continue_fn = std::function<bool(int i, clock_type::time_point now)>;
+
+// `requesters` threads each call `one` back to back while `more` says so; every call is timed,
+// every false counts as a failure, and the rate is over the whole run.
+inline load_result measure(int requesters, const continue_fn& more, const request_fn& one) {
     std::vector<std::vector<double>> latencies(static_cast<size_t>(requesters));
-    std::vector<qv::nats_connection_ptr> conns;
-    for (int r = 0; r < requesters; ++r) {
-        conns.push_back(connect_asap(url));
-    }
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     const auto t0 = clock_type::now();
     for (int r = 0; r < requesters; ++r) {
         threads.emplace_back([&, r] {
-            natsConnection* conn = conns[static_cast<size_t>(r)].get();
             auto& mine = latencies[static_cast<size_t>(r)];
-            mine.reserve(static_cast<size_t>(count));
-            for (int i = 0; i < count; ++i) {
-                const std::string text = body(r, i);
+            for (int i = 0;; ++i) {
                 const auto start = clock_type::now();
-                natsMsg* reply = nullptr;
-                if (conn == nullptr ||
-                    natsConnection_Request(&reply, conn, subject.c_str(), text.data(),
-                                           static_cast<int>(text.size()), 10000) != NATS_OK) {
+                if (!more(i, start)) {
+                    break;
+                }
+                if (!one(r, i)) {
                     failures++;
-                } else {
-                    if (ok && !ok(std::string(natsMsg_GetData(reply),
-                                              static_cast<size_t>(natsMsg_GetDataLength(reply))))) {
-                        failures++;
-                    }
-                    natsMsg_Destroy(reply);
                 }
                 mine.push_back(
                     std::chrono::duration<double, std::milli>(clock_type::now() - start).count());
@@ -119,11 +122,63 @@ inline load_result run_load(const std::string& url, const std::string& subject, 
     }
     std::sort(all.begin(), all.end());
     load_result result;
+    result.requests = static_cast<long>(all.size());
     result.per_second = secs > 0 ? static_cast<double>(all.size()) / secs : 0;
     result.p50_ms = all.empty() ? 0 : all[all.size() / 2];
     result.p99_ms = all.empty() ? 0 : all[std::min(all.size() - 1, all.size() * 99 / 100)];
     result.failures = failures.load();
     return result;
+}
+
+// One request on `conn`: true for a reply within 10 s that `ok` accepts (any reply without `ok`).
+inline bool request_once(natsConnection* conn, const std::string& subject, const std::string& text,
+                         const std::function<bool(const std::string&)>& ok) {
+    natsMsg* raw = nullptr;
+    if (conn == nullptr ||
+        natsConnection_Request(&raw, conn, subject.c_str(), text.data(),
+                               static_cast<int>(text.size()), 10000) != NATS_OK) {
+        return false;
+    }
+    qv::nats_msg_ptr reply(raw);
+    return !ok || ok(std::string(natsMsg_GetData(reply.get()),
+                                 static_cast<size_t>(natsMsg_GetDataLength(reply.get()))));
+}
+
+// Plain connections with SendAsap, one per requester, made before any clock starts.
+inline std::vector<qv::nats_connection_ptr> connect_requesters(const std::string& url,
+                                                               int requesters) {
+    std::vector<qv::nats_connection_ptr> conns;
+    for (int r = 0; r < requesters; ++r) {
+        conns.push_back(connect_asap(url));
+    }
+    return conns;
+}
+
+// `requesters` threads each send `count` requests to `subject`, request i of requester r with
+// body(r, i); a reply missing within 10 s or whose body `ok` refuses counts as a failure.
+inline load_result run_load(const std::string& url, const std::string& subject, int requesters,
+                            int count, const std::function<std::string(int, int)>& body,
+                            const std::function<bool(const std::string&)>& ok = {}) {
+    const auto conns = connect_requesters(url, requesters);
+    return measure(
+        requesters, [count](int i, clock_type::time_point) { return i < count; },
+        [&](int r, int i) {
+            return request_once(conns[static_cast<size_t>(r)].get(), subject, body(r, i), ok);
+        });
+}
+
+// As run_load, for a time instead of a count: requests start until `duration` has passed.
+inline load_result run_load_for(const std::string& url, const std::string& subject, int requesters,
+                                std::chrono::milliseconds duration,
+                                const std::function<std::string(int, int)>& body,
+                                const std::function<bool(const std::string&)>& ok = {}) {
+    const auto conns = connect_requesters(url, requesters);
+    const auto deadline = clock_type::now() + duration;
+    return measure(
+        requesters, [deadline](int, clock_type::time_point now) { return now < deadline; },
+        [&](int r, int i) {
+            return request_once(conns[static_cast<size_t>(r)].get(), subject, body(r, i), ok);
+        });
 }
 
 inline void print_header() {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that the build, the tests and the local run need.
+# Installs the Debian 12 packages that the build, the tests, the local run and the load chart need.
 # Run as root; does nothing when everything is there already.
 set -euo pipefail
 
@@ -8,7 +8,7 @@ PACKAGES=(
   libjson-c-dev libnats-dev libqpid-proton-cpp12-dev libqpid-proton11-dev
   libcurl4-openssl-dev libssl-dev libsodium-dev libarchive-dev libczmq-dev uuid-dev
   libjemalloc-dev googletest libgtest-dev libbenchmark-dev
-  nats-server openssl python3 ca-certificates
+  nats-server openssl python3 ca-certificates gnuplot-nox
   clang libclang-rt-14-dev
 )
 

@@ -59,7 +59,7 @@ void DaemonProcess::write_config() {
 }
 
 bool DaemonProcess::start(const std::vector<std::string>& args, const Keys& env) {
-    std::vector<std::string> argv = {QV_DAEMON_BINARY};
+    std::vector<std::string> argv = {binary};
     if (args.empty()) {
         argv.insert(argv.end(),
                     {"--console-mode", "--basedir", basedir(), "--config-file", ini_path()});

@@ -25,6 +25,8 @@ class DaemonProcess {
     // shutdown delay; tests adjust the maps before write_config().
     Keys control_keys;  // section [qv-av-control]
     Keys global_keys;   // section [GLOBAL]
+    // The program start() runs: the daemon of this build unless a driver names another one.
+    std::string binary = QV_DAEMON_BINARY;
     void use_nats(const std::string& nats_url, const std::string& user = "",
                   const std::string& password = "secret");
     void write_config();
