@@ -117,7 +117,10 @@ int s_qvctrl_get_tenant_and_realmName_from_log_job(quorvale_control_config_t* co
 }
 
 int s_handle_json_log_request(quorvale_control_config_t* config, qv_const_request_reply_t* rr) {
-    log_trace("Handling log message: \n%s", qv_escape_for_log(rr->request->json_txt, 4096).c_str());
+    if (log_get_level() >= QVLOG_TRACE) {
+        log_trace("Handling log message: \n%s",
+                  qv_escape_for_log(rr->request->json_txt, 4096).c_str());
+    }
     qv::json_ptr message = qvctrl_log_parse_request(rr);
     if (!message) {
         return -1;

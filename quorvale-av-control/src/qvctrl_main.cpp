@@ -44,6 +44,13 @@
 #include "qvsemaphore.h"
 #include "qvthread.h"
 
+// Read by jemalloc at start-up (an unused global in builds without it). Pages freed after a
+// burst of large requests, staged payloads above all, go back to the system within a second
+// instead of ten, so that the daemon's resident size follows its load rather than its history.
+extern "C" {
+const char* malloc_conf = "dirty_decay_ms:1000,muzzy_decay_ms:0";
+}
+
 namespace {
 
 // The process stop flag: written by the SIGTERM handler and by cleanup, read by every thread.

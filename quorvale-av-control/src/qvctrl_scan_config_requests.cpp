@@ -319,18 +319,24 @@ qv_message_t qvctrl_handle_get_vsa_config(json_object* request, quorvale_control
             json_object_object_add(
                 copy.get(), "ReplytoRequestID",
                 json_object_new_string_len(id.data(), static_cast<int>(id.size())));
-            log_trace("Reply to RequestID: %s", qv_escape_for_log(id).c_str());
+            if (log_get_level() >= QVLOG_TRACE) {
+                log_trace("Reply to RequestID: %s", qv_escape_for_log(id).c_str());
+            }
         }
     }
     if (copy) {
         reply.json_txt = qv_json_to_string(copy.get());
-        log_trace("Reply 1: %s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+        if (log_get_level() >= QVLOG_TRACE) {
+            log_trace("Reply 1: %s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+        }
     } else {
         qvhlp_format(&reply.json_txt,
                      "{ \"ReplytoRequestID\":\"%s\",\"ReturnCode\" : %d , \"Error\" : \"Failed to "
                      "load SCAN config\" }",
                      s_echo_request_id(request, values[2]).c_str(), SERVICE_ERROR);
-        log_trace("Reply 2: %s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+        if (log_get_level() >= QVLOG_TRACE) {
+            log_trace("Reply 2: %s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+        }
     }
     log_trace("Exiting");
     return reply;
@@ -358,7 +364,9 @@ qv_message_t qvctrl_handle_get_activecontent_config(quorvale_control_config_t* c
     } else {
         qv_reply_set_ERROR(&reply, SERVICE_ERROR, "Failed to load activecontent config");
     }
-    log_trace("Active Content:\n%s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+    if (log_get_level() >= QVLOG_TRACE) {
+        log_trace("Active Content:\n%s", qv_escape_for_log(reply.json_txt, 4096).c_str());
+    }
     log_trace("Exiting");
     return reply;
 }
@@ -421,8 +429,10 @@ qv_message_t qvctrl_handle_get_tenantID(json_object* request, quorvale_control_c
                      "\"realmName\" : \"%s\" }",
                      s_echo_request_id(request, values[1]).c_str(), 0,
                      qv_json_escape(tenant).c_str(), qv_json_escape(name).c_str());
-        log_trace("Reply to getTenant request: %s",
-                  qv_escape_for_log(reply.json_txt, 4096).c_str());
+        if (log_get_level() >= QVLOG_TRACE) {
+            log_trace("Reply to getTenant request: %s",
+                      qv_escape_for_log(reply.json_txt, 4096).c_str());
+        }
     } else {
         qvhlp_format(&reply.json_txt,
                      "{ \"ReplytoRequestID\":\"%s\",\"ReturnCode\" : %d , \"Error\" : \"Failed to "
