@@ -390,6 +390,7 @@ struct service_result {
     std::string name;
     std::string subject;
     load_result load;
+    load_result bare;  // the bare responder's run just before this one
     long daemon_hwm_kb = 0;
 };
 
@@ -812,7 +813,6 @@ bool s_write_json(const std::string& path, const options& opt, const std::string
     json_object_object_add(root.get(), "peak_rss_kb", json_object_new_int64(peak.hwm_kb));
     json_object_object_add(root.get(), "rss_kb", json_object_new_int64(peak.rss_kb));
     json_object_object_add(root.get(), "threads", json_object_new_int64(peak.threads));
-    const load_result& bare = results.front().load;
     json_object* services = json_object_new_array();
     json_object_object_add(root.get(), "services", services);
     for (const service_result& s : results) {
@@ -825,11 +825,14 @@ bool s_write_json(const std::string& path, const options& opt, const std::string
         json_object_object_add(row, "p50_ms", s_number(s.load.p50_ms, "%.3f"));
         json_object_object_add(row, "p99_ms", s_number(s.load.p99_ms, "%.3f"));
         json_object_object_add(row, "failures", json_object_new_int(s.load.failures));
+        json_object_object_add(row, "bare_per_second", s_number(s.bare.per_second, "%.1f"));
+        json_object_object_add(row, "bare_p99_ms", s_number(s.bare.p99_ms, "%.3f"));
         json_object_object_add(
             row, "ratio",
-            s_number(bare.per_second > 0 ? s.load.per_second / bare.per_second : 0, "%.4f"));
-        json_object_object_add(row, "p99_ratio",
-                               s_number(bare.p99_ms > 0 ? s.load.p99_ms / bare.p99_ms : 0, "%.3f"));
+            s_number(s.bare.per_second > 0 ? s.load.per_second / s.bare.per_second : 0, "%.4f"));
+        json_object_object_add(
+            row, "p99_ratio",
+            s_number(s.bare.p99_ms > 0 ? s.load.p99_ms / s.bare.p99_ms : 0, "%.3f"));
         json_object_object_add(row, "daemon_peak_rss_kb", json_object_new_int64(s.daemon_hwm_kb));
         json_object_array_add(services, row);
     }
@@ -909,6 +912,12 @@ int s_run(const options& opt) {
         if (!chosen.contains(c.name)) {
             continue;
         }
+        // Each service is measured right after a run of the bare responder and compared with
+        // that run: on a shared machine the baseline drifts over a whole table.
+        std::optional<load_result> adjacent;
+        if (c.run != &load_session::bare) {
+            adjacent = session.bare();
+        }
         const std::optional<load_result> r = (session.*c.run)();
         sampler.sample();
         if (!daemon.running()) {
@@ -920,8 +929,9 @@ int s_run(const options& opt) {
             printf("%-28s not measured (see above)\n", c.name);
             continue;
         }
-        results.push_back({c.name, c.subject, *r, sampler.peak().hwm_kb});
-        qvbench::print_row(c.name, *r, results.front().load);
+        const load_result bare = adjacent.value_or(*r);
+        results.push_back({c.name, c.subject, *r, bare, sampler.peak().hwm_kb});
+        qvbench::print_row(c.name, *r, bare);
         fflush(stdout);
     }
 
