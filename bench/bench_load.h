@@ -181,15 +181,21 @@ inline load_result run_load_for(const std::string& url, const std::string& subje
         });
 }
 
-inline void print_header() {
-    printf("%-28s %10s %9s %9s %9s %8s %8s\n", "path", "req/s", "p50 ms", "p99 ms", "failures",
-           "x bare", "p99 x");
+// With `cpu` set, a last column gives the CPU time the measured process spent per request.
+inline void print_header(bool cpu = false) {
+    printf("%-28s %10s %9s %9s %9s %8s %8s%s\n", "path", "req/s", "p50 ms", "p99 ms", "failures",
+           "x bare", "p99 x", cpu ? "  cpu us/req" : "");
 }
 
-inline void print_row(const char* name, const load_result& r, const load_result& bare) {
-    printf("%-28s %10.0f %9.2f %9.2f %9d %8.2f %8.2f\n", name, r.per_second, r.p50_ms, r.p99_ms,
+inline void print_row(const char* name, const load_result& r, const load_result& bare,
+                      double cpu_us = -1) {
+    printf("%-28s %10.0f %9.2f %9.2f %9d %8.2f %8.2f", name, r.per_second, r.p50_ms, r.p99_ms,
            r.failures, bare.per_second > 0 ? r.per_second / bare.per_second : 0,
            bare.p99_ms > 0 ? r.p99_ms / bare.p99_ms : 0);
+    if (cpu_us >= 0) {
+        printf(" %12.1f", cpu_us);
+    }
+    printf("\n");
 }
 
 }  // namespace qvbench

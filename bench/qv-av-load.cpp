@@ -261,6 +261,33 @@ std::optional<proc_status> s_read_status(int pid) {
     return status;
 }
 
+// The CPU time (user and system) the process has used so far, in seconds.
+double s_cpu_seconds(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!std::getline(in, text)) {
+        return 0;
+    }
+    // The command name is in parentheses and may hold blanks: count the fields after it.
+    const size_t close = text.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::istringstream fields(text.substr(close + 2));
+    std::string field;
+    unsigned long long utime = 0;
+    unsigned long long stime = 0;
+    for (int n = 3; fields >> field; ++n) {
+        if (n == 14) {
+            utime = std::stoull(field);
+        } else if (n == 15) {
+            stime = std::stoull(field);
+            break;
+        }
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 // Samples the daemon's memory and thread count every 200 ms while it lives: the peak resident
 // size the kernel kept, and the most threads seen.
 class proc_sampler {
@@ -392,6 +419,7 @@ struct service_result {
     load_result load;
     load_result bare;  // the bare responder's run just before this one
     long daemon_hwm_kb = 0;
+    double daemon_cpu_us = -1;  // the daemon's CPU time per request
 };
 
 class load_session {
@@ -834,6 +862,9 @@ bool s_write_json(const std::string& path, const options& opt, const std::string
             row, "p99_ratio",
             s_number(s.bare.p99_ms > 0 ? s.load.p99_ms / s.bare.p99_ms : 0, "%.3f"));
         json_object_object_add(row, "daemon_peak_rss_kb", json_object_new_int64(s.daemon_hwm_kb));
+        if (s.daemon_cpu_us >= 0) {
+            json_object_object_add(row, "daemon_cpu_us", s_number(s.daemon_cpu_us, "%.1f"));
+        }
         json_object_array_add(services, row);
     }
     std::ofstream out(path);
@@ -904,7 +935,7 @@ int s_run(const options& opt) {
            opt.requesters, opt.seconds, version.c_str(), url.c_str(),
            std::thread::hardware_concurrency());
     printf("daemon %s (pid %d)\n", daemon.binary.c_str(), daemon.pid());
-    qvbench::print_header();
+    qvbench::print_header(true);
     fflush(stdout);
     std::vector<service_result> results;
     bool daemon_lost = false;
@@ -918,7 +949,12 @@ int s_run(const options& opt) {
         if (c.run != &load_session::bare) {
             adjacent = session.bare();
         }
+        const double cpu_before = s_cpu_seconds(daemon.pid());
+        const auto wall_before = std::chrono::steady_clock::now();
         const std::optional<load_result> r = (session.*c.run)();
+        const double wall =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - wall_before).count();
+        const double cpu = s_cpu_seconds(daemon.pid()) - cpu_before;
         sampler.sample();
         if (!daemon.running()) {
             printf("%-28s the daemon ended during this run\n", c.name);
@@ -930,8 +966,13 @@ int s_run(const options& opt) {
             continue;
         }
         const load_result bare = adjacent.value_or(*r);
-        results.push_back({c.name, c.subject, *r, bare, sampler.peak().hwm_kb});
-        qvbench::print_row(c.name, *r, bare);
+        // The daemon's CPU time over the run (warm-up included) per request answered at the
+        // run's rate: what one request costs it. The bare responder is not the daemon.
+        const double cpu_us = c.run == &load_session::bare || r->per_second <= 0 || wall <= 0
+                                  ? -1
+                                  : cpu / wall / r->per_second * 1e6;
+        results.push_back({c.name, c.subject, *r, bare, sampler.peak().hwm_kb, cpu_us});
+        qvbench::print_row(c.name, *r, bare, cpu_us);
         fflush(stdout);
     }
 
