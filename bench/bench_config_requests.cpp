@@ -21,18 +21,6 @@
 
 namespace {
 
-// A scan configuration of realistic size: the example installation's parameters and a few
-// dozen more.
-std::string s_scan_file() {
-    std::string text =
-        "ScanBestEffort=1\nScanArchives=1\nMaxArchiveDepth=10\nMaxFileSizeMB=512\n"
-        "ScanTimeoutSeconds=120\nCheckMimeType=1\nScanActiveContent=1\nBlockOnScanError=1\n";
-    for (int i = 0; i < 40; ++i) {
-        text += "Parameter" + std::to_string(i) + "=value-" + std::to_string(i) + "\n";
-    }
-    return text;
-}
-
 bool s_succeeded(const std::string& reply) {
     return reply.find("\"ReturnCode\":0") != std::string::npos;
 }
@@ -51,7 +39,7 @@ int main(int argc, char** argv) {
     }
     qvtest::TempDir base;
     qvtest::make_dirs(base / "config/vsa");
-    qvtest::write_file(base / "config/vsa/scan.default.default", s_scan_file());
+    qvtest::write_file(base / "config/vsa/scan.default.default", qvbench::scan_file());
 
     auto config = qvctrl_config_new();
     config->basedir = base.path();

@@ -181,6 +181,18 @@ inline load_result run_load_for(const std::string& url, const std::string& subje
         });
 }
 
+// A scan configuration of realistic size: the example installation's parameters and a few dozen
+// more.
+inline std::string scan_file() {
+    std::string text =
+        "ScanBestEffort=1\nScanArchives=1\nMaxArchiveDepth=10\nMaxFileSizeMB=512\n"
+        "ScanTimeoutSeconds=120\nCheckMimeType=1\nScanActiveContent=1\nBlockOnScanError=1\n";
+    for (int i = 0; i < 40; ++i) {
+        text += "Parameter" + std::to_string(i) + "=value-" + std::to_string(i) + "\n";
+    }
+    return text;
+}
+
 // With `cpu` set, a last column gives the CPU time the measured process spent per request.
 inline void print_header(bool cpu = false) {
     printf("%-28s %10s %9s %9s %9s %8s %8s%s\n", "path", "req/s", "p50 ms", "p99 ms", "failures",

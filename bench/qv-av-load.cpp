@@ -135,18 +135,6 @@ std::string s_init(int r, int i) {
            std::to_string(i) + R"(", "Services": ["qv-av-trellix"]})";
 }
 
-// A scan configuration of realistic size: the example installation's parameters and a few dozen
-// more.
-std::string s_scan_file() {
-    std::string text =
-        "ScanBestEffort=1\nScanArchives=1\nMaxArchiveDepth=10\nMaxFileSizeMB=512\n"
-        "ScanTimeoutSeconds=120\nCheckMimeType=1\nScanActiveContent=1\nBlockOnScanError=1\n";
-    for (int i = 0; i < 40; ++i) {
-        text += "Parameter" + std::to_string(i) + "=value-" + std::to_string(i) + "\n";
-    }
-    return text;
-}
-
 std::function<std::string(int, int)> s_constant(const char* text) {
     return [text](int, int) { return std::string(text); };
 }
@@ -783,7 +771,7 @@ int s_parse(int argc, char** argv, options* opt) {
 // caller's keys on top.
 bool s_start_daemon(const options& opt, const std::string& url, qvtest::DaemonProcess& d) {
     d.binary = opt.daemon.empty() ? s_default_daemon() : opt.daemon;
-    qvtest::write_file(d.basedir() + "/config/vsa/scan.default.default", s_scan_file());
+    qvtest::write_file(d.basedir() + "/config/vsa/scan.default.default", qvbench::scan_file());
     d.use_nats(url);
     d.control_keys["TRACELEVEL"] = "2";
     for (const char* kind : {"SCAN", "BLOCK", "STATUS", "UPDATE", "ERROR", "EPO"}) {
