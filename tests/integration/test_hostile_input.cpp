@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -30,6 +29,7 @@
 using namespace std::string_literals;
 using qvtest::DaemonProcess;
 using qvtest::NatsServer;
+using qvtest::quoted;
 using qvtest::wait_until;
 
 namespace {
@@ -157,7 +157,6 @@ std::vector<std::string> bucket_keys(qv_nats_config* cfg, const char* bucket) {
     return keys;
 }
 
-// The JSON text of a string member.
 // Serves `subject` on `connection`, answering OK and counting the requests in *calls; returns
 // once nats-server knows the subscription.
 void serve_counting(qv_nats_config* connection, const char* subject, std::atomic<int>* calls,
@@ -172,11 +171,6 @@ void serve_counting(qv_nats_config* connection, const char* subject, std::atomic
                   calls, stop, 1),
               0);
     ASSERT_EQ(natsConnection_Flush(connection->_conn.get()), NATS_OK);
-}
-
-std::string quoted(const std::string& value) {
-    qv::json_ptr s(json_object_new_string_len(value.data(), static_cast<int>(value.size())));
-    return qv_json_to_string(s.get());
 }
 
 std::string error_reply(int rc, const std::string& text) {
@@ -265,17 +259,6 @@ std::string answering(std::string reference, const std::string& id) {
     return at == std::string::npos
                ? reference
                : reference.replace(at, plain.size(), "\"ReplytoRequestID\":" + quoted(id));
-}
-
-// Regular files below `root`.
-std::set<std::string> files_under(const std::string& root) {
-    std::set<std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-        if (entry.is_regular_file()) {
-            files.insert(entry.path().string());
-        }
-    }
-    return files;
 }
 
 // The daemon with its background bucket reads done, so that from here on only requests make it
@@ -864,7 +847,7 @@ TEST_F(HostileConfigDaemon, WorkerConfigurationRequestsRefuseWhatIsNoRealmOrSid)
 
 TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
     const std::string service = "qv-av-log";
-    const std::set<std::string> before = files_under(daemon.root());
+    const std::vector<std::string> before = qvtest::files_below(daemon.root());
     const Members envelope = {{"LogVersion", "1"},
                               {"Timestamp_epoch", "0"},
                               {"Component", quoted("qv-av-trellix")},
@@ -922,8 +905,8 @@ TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
     }
 
     size_t lines = 0;
-    for (const std::string& path : files_under(daemon.root())) {
-        if (before.count(path)) {
+    for (const std::string& path : qvtest::files_below(daemon.root())) {
+        if (std::binary_search(before.begin(), before.end(), path)) {
             continue;
         }
         ASSERT_EQ(path.rfind(log_tree() + "/", 0), 0u) << path;
@@ -940,5 +923,14 @@ TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
         }
     }
     EXPECT_EQ(lines, lines_written);
+    // The sender's members come first, then the daemon's own, with its broker as realm name.
+    EXPECT_EQ(qvtest::read_file(log_tree() + "/ERROR/r1/error.log")
+                  .rfind(R"({"Message":"x","LogVersion":1,"LogType":"ErrorLog","TimestampEpoch":0,)"
+                         R"("Timestamp":"1970-01-01 00:00:00","Component":"qv-av-trellix",)"
+                         R"("Hostname":"node7","EventID":"e-1","RealmID":"r1",)"
+                         R"("Tenant":"on-premises","RealmName":"local"})"
+                         "\r\n",
+                         0),
+              0u);
     expect_still_answering();
 }
