@@ -110,6 +110,20 @@ bool set_age(const std::string& path, long seconds_ago) {
     return utimes(path.c_str(), t) == 0;
 }
 
+bool is_time_uuid(const std::string& text) {
+    if (text.size() != 36 || text[14] != '1') {
+        return false;
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        const char c = text[i];
+        if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 size_t count_of(const std::string& text, const std::string& needle) {
     size_t n = 0;
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {

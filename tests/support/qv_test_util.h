@@ -44,6 +44,8 @@ std::vector<std::string> files_below(const std::string& dir);
 bool set_age(const std::string& path, long seconds_ago);
 // How often `needle` occurs in `text`.
 size_t count_of(const std::string& text, const std::string& needle);
+// True for a time-based (version 1) UUID written in lower case: 8-4-4-4-12 hexadecimal digits.
+bool is_time_uuid(const std::string& text);
 // The content of the one entry of a zip archive, and its name in *entry_name; fails the test
 // unless the archive holds exactly one entry.
 std::string read_zip(const std::string& zip, std::string* entry_name = nullptr);

@@ -23,18 +23,8 @@ namespace {
 
 // "<kind><time-based UUID in lower case>.dat"
 bool is_element_name(const std::string& name, char kind) {
-    if (name.size() != 41 || name[0] != kind || name.compare(37, 4, ".dat") != 0 ||
-        name[15] != '1') {
-        return false;
-    }
-    for (size_t i = 1; i < 37; ++i) {
-        const char c = name[i];
-        const bool dash = i == 9 || i == 14 || i == 19 || i == 24;
-        if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
-            return false;
-        }
-    }
-    return true;
+    return name.size() == 41 && name[0] == kind && name.compare(37, 4, ".dat") == 0 &&
+           qvtest::is_time_uuid(name.substr(1, 36));
 }
 
 const std::string kUuid = "1b4e28ba-2fa1-11d2-883f-0016d3cca427";
