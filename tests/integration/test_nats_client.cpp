@@ -123,38 +123,45 @@ int ping(qv_nats_config* from, uint32_t timeout_ms = 2000) {
 
 }  // namespace
 
-TEST_F(ServiceFixture, PingServiceAnswersAndRejects) {
+TEST_F(ServiceFixture, HandlersAnswerWithTheirReplyOrTheGenericOneAndEndOnTheStopFlag) {
     ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler, nullptr, 2), 0);
+    ASSERT_EQ(serve("qv-test.echo", echo_handler, nullptr, 3), 0);
+    ASSERT_EQ(serve("qv-test.silent", silent_handler), 0);
+    EXPECT_EQ(config->_handler_threads.load(), 6);
     std::string err;
+    // A plain request returns the "ReturnCode" of its reply.
     EXPECT_EQ(
         qv_nats_simple_request(config.get(), "qv-test.ping", "{\"Command\": 3}", 2000, 0, &err), 0);
     EXPECT_EQ(
         qv_nats_simple_request(config.get(), "qv-test.ping", "{\"Command\": 4}", 2000, 0, &err),
         -1);
-    qv::json_ptr reply =
-        qv_nats_send_recv_json(config.get(), "qv-test.ping", "garbage", 2000, 0, &err);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(qv_json_to_string(reply.get()), "{\"ReturnCode\":-1}");
-}
-
-TEST_F(ServiceFixture, HandlerSeesTheBodyUnchangedAndGenericRepliesAreSent) {
-    ASSERT_EQ(serve("qv-test.echo", echo_handler, nullptr, 3), 0);
-    ASSERT_EQ(serve("qv-test.silent", silent_handler), 0);
-    std::string err;
-    qv::json_ptr reply =
-        qv_nats_send_recv_json(config.get(), "qv-test.echo", "{\"a\":[1,2]}", 2000, 0, &err);
-    ASSERT_TRUE(reply) << err;
-    EXPECT_EQ(qv_json_to_string(reply.get()), "{\"ReturnCode\":0,\"Echo\":{\"a\":[1,2]}}");
+    const auto reply_to = [&](const char* subject, const char* body) -> std::string {
+        qv::json_ptr reply = qv_nats_send_recv_json(config.get(), subject, body, 2000, 0, &err);
+        return reply ? qv_json_to_string(reply.get()) : "(none) " + err;
+    };
+    EXPECT_EQ(reply_to("qv-test.ping", "garbage"), "{\"ReturnCode\":-1}");
+    // The handler sees the body unchanged.
+    EXPECT_EQ(reply_to("qv-test.echo", "{\"a\":[1,2]}"),
+              "{\"ReturnCode\":0,\"Echo\":{\"a\":[1,2]}}");
     // A body that is not JSON still reaches the handler; the reply then is not JSON either.
-    reply = qv_nats_send_recv_json(config.get(), "qv-test.echo", "not json", 2000, 0, &err);
-    EXPECT_FALSE(reply);
+    EXPECT_EQ(reply_to("qv-test.echo", "not json").rfind("(none) ", 0), 0u);
     // A handler that sets no reply still answers: the generic reply carries its status.
-    reply = qv_nats_send_recv_json(config.get(), "qv-test.silent", "{}", 2000, 0, &err);
-    ASSERT_TRUE(reply) << err;
-    EXPECT_EQ(qv_json_to_string(reply.get()), "{\"ReturnCode\":-5}");
+    EXPECT_EQ(reply_to("qv-test.silent", "{}"), "{\"ReturnCode\":-5}");
+
+    EXPECT_FALSE(qv_nats_send_recv_json(config.get(), nullptr, "{}", 100, 0, &err));
+    EXPECT_EQ(err, "NATS: invalid parameters for send_recv_json");
+    EXPECT_EQ(
+        qv_nats_start_service_handler_threads(config.get(), "x", echo_handler, nullptr, &stop, 0),
+        -1);
+    qv_nats_config empty;
+    EXPECT_EQ(qv_nats_init(&empty), -1);
+    EXPECT_EQ(qv_nats_simple_request(&empty, "x", "{}", 100, 0, nullptr), -1);
+
+    stop = 1;
+    EXPECT_TRUE(qvtest::wait_until([&] { return config->_handler_threads.load() == 0; }));
 }
 
-TEST_F(ServiceFixture, NoRespondersIsRetriedWithoutUsingAttempts) {
+TEST_F(ServiceFixture, NoRespondersIsRetriedUnderTheBackOffWithoutUsingAttempts) {
     std::string err;
     const auto t0 = std::chrono::steady_clock::now();
     qv::json_ptr reply =
@@ -174,25 +181,18 @@ TEST_F(ServiceFixture, NoRespondersIsRetriedWithoutUsingAttempts) {
     reply = qv_nats_send_recv_json(config.get(), "qv-test.late", "{}", 5000, 0, &err);
     late.join();
     EXPECT_TRUE(reply) << err;
-}
 
-TEST_F(ServiceFixture, InvalidParametersAreReported) {
-    std::string err;
-    EXPECT_FALSE(qv_nats_send_recv_json(config.get(), nullptr, "{}", 100, 0, &err));
-    EXPECT_EQ(err, "NATS: invalid parameters for send_recv_json");
-    EXPECT_EQ(
-        qv_nats_start_service_handler_threads(config.get(), "x", echo_handler, nullptr, &stop, 0),
-        -1);
-    qv_nats_config empty;
-    EXPECT_EQ(qv_nats_init(&empty), -1);
-    EXPECT_EQ(qv_nats_simple_request(&empty, "x", "{}", 100, 0, nullptr), -1);
-}
-
-TEST_F(ServiceFixture, HandlerThreadsEndOnTheStopFlag) {
-    ASSERT_EQ(serve("qv-test.stop", echo_handler, nullptr, 4), 0);
-    EXPECT_EQ(config->_handler_threads.load(), 4);
-    stop = 1;
-    EXPECT_TRUE(qvtest::wait_until([&] { return config->_handler_threads.load() == 0; }));
+    // In a fan-out a subject with nobody behind it yet neither ends the whole fan-out nor fails
+    // at once: it is retried likewise, and reached once its service is up.
+    ASSERT_EQ(serve("qv-test.zero", echo_handler), 0);
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        serve("qv-test.later", seven_handler);
+    });
+    const std::vector<int> results = qv_nats_simple_request_all(
+        config.get(), {"qv-test.nobody", "qv-test.later", "qv-test.zero"}, "{}", 4000, 3);
+    later.join();
+    EXPECT_EQ(results, (std::vector<int>{-1, 7, 0}));
 }
 
 TEST(NatsConnect, TlsWithUsersAndWrongPassword) {
@@ -453,20 +453,6 @@ TEST_F(ServiceFixture, FanOutResultsFollowTheSubjectsInOrder) {
     EXPECT_EQ(natsConnection_Status(qv_nats_connection(config.get()).get()),
               NATS_CONN_STATUS_CONNECTED);
     EXPECT_EQ(qv_nats_simple_request(config.get(), "qv-test.seven", "{}", 2000, 0, nullptr), 7);
-}
-
-TEST_F(ServiceFixture, FanOutRetriesASubjectWithoutRespondersUnderTheBackOff) {
-    // A subject with nobody behind it yet must neither end the whole fan-out nor fail at once:
-    // like a single request it is retried under the back-off, and reached once its service is up.
-    ASSERT_EQ(serve("qv-test.zero", echo_handler), 0);
-    std::thread late([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        serve("qv-test.late", seven_handler);
-    });
-    const std::vector<int> results = qv_nats_simple_request_all(
-        config.get(), {"qv-test.nobody", "qv-test.late", "qv-test.zero"}, "{}", 4000, 3);
-    late.join();
-    EXPECT_EQ(results, (std::vector<int>{-1, 7, 0}));
 }
 
 TEST_F(ServiceFixture, InvalidSubjectsAreRefusedBeforeAnythingIsSent) {
