@@ -84,6 +84,9 @@ std::string vsa_failure(const std::string& id) {
 }  // namespace
 
 TEST_F(ScanConfigRequests, ScanFilesMergeFromDefaultToSidAndTheBucketAnswersUntilReleased) {
+    // Without any scan file the configuration is null.
+    EXPECT_EQ(client(R"({"Command": 100, "realmID": "r9", "SID": "PRD", "RequestID": "7"})"),
+              R"({"SCAN":null,"ReturnCode":0,"ReplytoRequestID":"7"})");
     file("vsa", "scan.default.default", "# defaults\nA=default\nB=default\nC = x = y \n");
     file("vsa", "scan.r1.default", "B=realm\nD=realm\n");
     file("vsa", "scan.r1.PRD", "A=sid\n");
@@ -106,11 +109,6 @@ TEST_F(ScanConfigRequests, ScanFilesMergeFromDefaultToSidAndTheBucketAnswersUnti
     EXPECT_EQ(client(R"({"Command": 100, "realmID": "r1", "SID": "DEV", "RequestID": "q-2"})"),
               R"({"SCAN":[["A","default"],["B","realm"],["C","x = y"],["D","realm"]],)"
               R"("ReturnCode":0,"ReplytoRequestID":"q-2"})");
-}
-
-TEST_F(ScanConfigRequests, WithoutScanFilesTheConfigurationIsNull) {
-    EXPECT_EQ(client(R"({"Command": 100, "realmID": "r1", "SID": "PRD", "RequestID": "7"})"),
-              R"({"SCAN":null,"ReturnCode":0,"ReplytoRequestID":"7"})");
 }
 
 TEST_F(ScanConfigRequests, VsaFailuresAnswerTheFixedTextAndAlwaysParse) {
@@ -242,11 +240,6 @@ TEST_F(ScanConfigRequests, TenantOnPremisesAndFromTheBucketInCloudMode) {
     EXPECT_EQ(client(R"({"Command": 5, "realmID": "r2", "RequestID": "t2"})"), failure);
 }
 
-TEST_F(ScanConfigRequests, ConfigHashAnswersMinusThousandWithTheHash) {
-    // Kept: the code is -1000 although the hash is delivered.
-    EXPECT_EQ(service(R"({"Command": 11})"), R"({ "ReturnCode": -1000, "Confighash": "c0ffee"})");
-}
-
 TEST_F(ScanConfigRequests, DispatchersAcceptOnlyTheirCommands) {
     LogCapture log;
     int rc = -2;
@@ -261,6 +254,8 @@ TEST_F(ScanConfigRequests, DispatchersAcceptOnlyTheirCommands) {
     EXPECT_TRUE(log.contains("Ignoring invalid request: 201"));
     EXPECT_TRUE(log.contains("Complete request:\n{\"Command\": 202}"));
     EXPECT_TRUE(log.contains("Ignoring invalid request: -1"));
+    // Kept: the code is -1000 although the hash is delivered.
+    EXPECT_EQ(service(R"({"Command": 11})"), R"({ "ReturnCode": -1000, "Confighash": "c0ffee"})");
     for (const char* body : {R"({"Command": 203})", R"({"Command": 200})", R"({"Command": 11})"}) {
         EXPECT_EQ(client(body), R"({"ReturnCode": 0})") << body;
     }
