@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <atomic>
 #include <string>
 #include <vector>
 
-#include "nats_peer.h"
 #include "nats_server.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
@@ -20,13 +19,14 @@ class ComponentConfigurationFlush : public ::testing::Test {
         ASSERT_TRUE(server.start());
         config->main_nats_config = server.client_config();
         ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
-        worker = std::make_unique<qvtest::NatsPeer>(server.url());
-        ASSERT_TRUE(worker->connected());
-        natsSubscription* sub = nullptr;
-        ASSERT_EQ(natsConnection_Subscribe(&sub, worker->conn(), kWorker, s_on_request, this),
-                  NATS_OK);
-        subscription.reset(sub);
-        ASSERT_TRUE(worker->flush());
+        worker_connection = std::make_unique<qvtest::NatsClient>(server);
+        ASSERT_EQ(
+            qv_nats_start_service_handler_threads(worker_connection->get(), kWorker,
+                                                  qvtest::Recorder::handle, &worker, &stop, 1),
+            0);
+        ASSERT_EQ(
+            natsConnection_FlushTimeout(qv_nats_connection(worker_connection->get()).get(), 10000),
+            NATS_OK);
 
         auto running = std::make_shared<qv_active_worker_t>();
         running->servicename = kService;
@@ -39,36 +39,19 @@ class ComponentConfigurationFlush : public ::testing::Test {
         }
     }
     void TearDown() override {
-        subscription.reset();
-        worker.reset();
+        worker_connection.reset();
         qv_nats_deinit(config->main_nats_config.get());
     }
-
-    static void s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
-        auto* self = static_cast<ComponentConfigurationFlush*>(closure);
-        {
-            std::lock_guard<std::mutex> lock(self->mutex);
-            self->received.emplace_back(natsMsg_GetData(msg), natsMsg_GetDataLength(msg));
-        }
-        if (natsMsg_GetReply(msg) != nullptr) {
-            natsConnection_PublishString(nc, natsMsg_GetReply(msg), R"({"ReturnCode": 0})");
-        }
-        natsMsg_Destroy(msg);
-    }
-    std::vector<std::string> requests() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received;
-    }
+    std::vector<std::string> requests() const { return worker.received(); }
 
     static constexpr const char* kService = "qv-av-mimescan";
     static constexpr const char* kWorker = "qv-av-mimescan-w1";
     qvtest::NatsServer server;
     std::unique_ptr<quorvale_control_config_t> config = qvctrl_config_new();
-    std::unique_ptr<qvtest::NatsPeer> worker;
-    qv::nats_subscription_ptr subscription;
+    std::atomic<int> stop{0};  // the worker's state outlives its handler threads
+    qvtest::Recorder worker;
+    std::unique_ptr<qvtest::NatsClient> worker_connection;
     qvctrl_component_configuration_list list;
-    std::mutex mutex;
-    std::vector<std::string> received;
 };
 
 TEST_F(ComponentConfigurationFlush, EachRemovedRecordIsFlushedAndRemoveAllFlushesOnce) {
