@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
+#include <chrono>
 #include <optional>
 #include <set>
 #include <string>
@@ -15,6 +15,7 @@
 
 #include "daemon_process.h"
 #include "log_capture.h"
+#include "nats_peer.h"
 #include "nats_server.h"
 #include "qv-av-control-event-dispatcher.h"
 #include "qv_json.h"
@@ -30,21 +31,19 @@ using namespace std::string_literals;
 using qvtest::DaemonProcess;
 using qvtest::NatsServer;
 using qvtest::quoted;
-using qvtest::wait_until;
 
 namespace {
 
 constexpr const char* kInbox = "qv-test-inbox";
 
-qv::nats_connection_ptr connect_raw(const NatsServer& server, const char* inbox_prefix) {
+// A connection whose reply inboxes start with kInbox, so that they stand apart from the daemon's.
+qv::nats_connection_ptr connect_requester(const NatsServer& server) {
     natsOptions* raw_opts = nullptr;
     natsConnection* conn = nullptr;
     EXPECT_EQ(natsOptions_Create(&raw_opts), NATS_OK);
     qv::nats_options_ptr opts(raw_opts);
     natsOptions_SetURL(opts.get(), server.url().c_str());
-    if (inbox_prefix != nullptr) {
-        natsOptions_SetCustomInboxPrefix(opts.get(), inbox_prefix);
-    }
+    natsOptions_SetCustomInboxPrefix(opts.get(), kInbox);
     EXPECT_EQ(natsConnection_Connect(&conn, opts.get()), NATS_OK);
     return qv::nats_connection_ptr(conn);
 }
@@ -54,13 +53,9 @@ qv::nats_connection_ptr connect_raw(const NatsServer& server, const char* inbox_
 class Bus {
   public:
     explicit Bus(const NatsServer& server)
-        : requester_(connect_raw(server, kInbox)), watcher_(connect_raw(server, nullptr)) {
-        natsSubscription* sub = nullptr;
-        EXPECT_EQ(natsConnection_Subscribe(&sub, watcher_.get(), ">", s_on_message, this), NATS_OK);
-        sub_.reset(sub);
-        natsConnection_Flush(watcher_.get());
+        : requester_(connect_requester(server)), watcher_(server.url()) {
+        watcher_.watch_everything();
     }
-    ~Bus() { natsSubscription_Unsubscribe(sub_.get()); }
 
     // The reply as compact JSON; a reply that does not parse shows as such.
     std::string request(const std::string& subject, const std::string& body,
@@ -97,21 +92,9 @@ class Bus {
     // arrives after anything the daemon published before that reply.
     std::vector<std::string> seen() {
         const std::string marker = "qv-test-marker." + std::to_string(++markers_);
-        natsConnection_PublishString(watcher_.get(), marker.c_str(), "");
-        natsConnection_Flush(watcher_.get());
-        EXPECT_TRUE(wait_until([&] {
-            std::lock_guard<std::mutex> lock(mutex_);
-            return !subjects_.empty() && subjects_.back() == marker;
-        }));
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<std::string> out;
-        for (const std::string& s : subjects_) {
-            if (s.rfind("qv-test-marker.", 0) != 0) {
-                out.push_back(s);
-            }
-        }
-        subjects_.clear();
-        return out;
+        watcher_.publish(marker, "");
+        EXPECT_TRUE(watcher_.flush());
+        return watcher_.watched_until(marker, std::chrono::seconds(20));
     }
     // Subjects seen other than `service` and this requester's reply inbox.
     std::vector<std::string> strays(const std::string& service) {
@@ -125,22 +108,9 @@ class Bus {
     }
 
   private:
-    static void s_on_message(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
-        auto* self = static_cast<Bus*>(closure);
-        {
-            std::lock_guard<std::mutex> lock(self->mutex_);
-            self->subjects_.push_back(natsMsg_GetSubject(msg));
-        }
-        natsMsg_Destroy(msg);
-    }
-
-    // The callback's state outlives the connections that call it.
-    std::mutex mutex_;
-    std::vector<std::string> subjects_;
     int markers_ = 0;
     qv::nats_connection_ptr requester_;
-    qv::nats_connection_ptr watcher_;
-    qv::nats_subscription_ptr sub_;
+    qvtest::NatsPeer watcher_;
 };
 
 std::unique_ptr<qv_nats_config> qv_client(const NatsServer& server) {
