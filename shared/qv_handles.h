@@ -63,6 +63,7 @@ using nats_connection_ptr = handle<natsConnection, release_conn>;
 using nats_subscription_ptr = handle<natsSubscription, natsSubscription_Destroy>;
 using nats_msg_ptr = handle<natsMsg, natsMsg_Destroy>;
 using js_ctx_ptr = handle<jsCtx, jsCtx_Destroy>;
+using js_stream_info_ptr = handle<jsStreamInfo, jsStreamInfo_Destroy>;
 using kv_store_ptr = handle<kvStore, kvStore_Destroy>;
 using kv_entry_ptr = handle<kvEntry, kvEntry_Destroy>;
 using kv_watcher_ptr = handle<kvWatcher, kvWatcher_Destroy>;

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <list>
 #include <mutex>
 #include <thread>
 
@@ -325,6 +326,11 @@ namespace {
 std::mutex s_budget_mutex;
 std::condition_variable s_budget_freed;
 size_t s_budget_used = 0;
+// Payloads waiting for room, in order of arrival. Only the first in line may take its share:
+// otherwise a steady flow of small payloads, each fitting beside the others, keeps a large one
+// out until its whole wait has run out.
+std::list<uint64_t> s_budget_line;
+uint64_t s_budget_next = 0;
 
 }  // namespace
 
@@ -341,15 +347,22 @@ qv_staged_budget::ticket::~ticket() {
 
 void qv_staged_budget::ticket::take(size_t size) {
     std::unique_lock<std::mutex> guard(s_budget_mutex);
-    const bool fits = s_budget_freed.wait_for(guard, s_longest_wait, [size] {
-        return s_budget_used == 0 || s_budget_used + size <= s_limit;
+    const uint64_t me = s_budget_next++;
+    const auto place = s_budget_line.insert(s_budget_line.end(), me);
+    const bool fits = s_budget_freed.wait_for(guard, s_longest_wait, [me, size] {
+        return s_budget_line.front() == me &&
+               (s_budget_used == 0 || s_budget_used + size <= s_limit);
     });
+    s_budget_line.erase(place);
     if (!fits) {
         log_warn("NATS: staged payloads of %zu bytes in flight; taking %zu more", s_budget_used,
                  size);
     }
     s_budget_used += size;
     held_ += size;
+    guard.unlock();
+    // The next in line may fit beside this one.
+    s_budget_freed.notify_all();
 }
 
 int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsigned char>* out) {

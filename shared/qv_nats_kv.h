@@ -35,7 +35,7 @@ int kvstore_get_chunked(qv_nats_config* cfg, const char* key, std::vector<unsign
 
 // The staged payloads that served requests hold at one time, in bytes, across the process: a
 // burst of large payloads waits for room instead of growing the daemon without bound. A payload
-// larger than the whole budget is let in alone.
+// larger than the whole budget is let in alone. Payloads are let in in the order they asked.
 class qv_staged_budget {
   public:
     static constexpr size_t s_limit = 24u << 20;

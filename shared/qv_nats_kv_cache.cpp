@@ -4,6 +4,7 @@
 
 #include "log.h"
 #include "qv_handles.h"
+#include "qv_nats_client.h"
 #include "qv_nats_config.h"
 #include "qv_nats_kv.h"
 
@@ -11,6 +12,37 @@ namespace {
 
 // How often the watch looks whether its connection was replaced or the cache is stopping.
 constexpr int64_t s_poll_ms = 250;
+// How often the watch asks whether its bucket is still the one it started on.
+constexpr std::chrono::seconds s_identity_every{1};
+
+// When the stream behind `bucket` was made, into *created: true when the server answered
+// (*created is 0 when the bucket does not exist), false when it could not be asked.
+//
+// A bucket deleted and made again restarts its revisions from 1, and a watch started on the old
+// one goes on waiting past the old stream's last revision: it reports nothing of the new bucket
+// and never fails. Only the stream's creation time tells the two apart.
+bool s_stream_created(qv_nats_config* config, const std::string& bucket, int64_t* created) {
+    std::shared_ptr<jsCtx> js = qv_nats_jetstream(config);
+    if (!js) {
+        return false;
+    }
+    jsOptions opts;
+    jsOptions_Init(&opts);
+    opts.Wait = 1000;  // stop() waits for this during an outage
+    jsStreamInfo* raw = nullptr;
+    jsErrCode err = static_cast<jsErrCode>(0);
+    const natsStatus s = js_GetStreamInfo(&raw, js.get(), ("KV_" + bucket).c_str(), &opts, &err);
+    qv::js_stream_info_ptr info(raw);
+    if (s == NATS_OK && info) {
+        *created = info->Created;
+        return true;
+    }
+    if (s == NATS_NOT_FOUND || err == JSStreamNotFoundErr) {
+        *created = 0;
+        return true;
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -169,6 +201,12 @@ void qv_nats_kv_cache::run() {
             wait_or_stop(std::chrono::seconds(5));
             continue;
         }
+        // Taken before the watch starts: a bucket made again in between shows as a change.
+        int64_t created = 0;
+        if (!s_stream_created(config_, bucket_, &created) || created == 0) {
+            wait_or_stop(std::chrono::seconds(1));
+            continue;
+        }
         kvWatchOptions opts;
         kvWatchOptions_Init(&opts);
         opts.MetaOnly = true;  // which key changed is all the cache needs to know
@@ -182,7 +220,17 @@ void qv_nats_kv_cache::run() {
             continue;
         }
         log_debug("NATS: watching KV bucket '%s' for its read cache", bucket_.c_str());
+        auto next_identity = std::chrono::steady_clock::now() + s_identity_every;
         while (!stopping_.load()) {
+            if (std::chrono::steady_clock::now() >= next_identity) {
+                int64_t now_created = 0;
+                if (s_stream_created(config_, bucket_, &now_created) && now_created != created) {
+                    log_warn("NATS: KV bucket '%s' was deleted or made again; watching it afresh",
+                             bucket_.c_str());
+                    break;
+                }
+                next_identity = std::chrono::steady_clock::now() + s_identity_every;
+            }
             kvEntry* raw_entry = nullptr;
             s = kvWatcher_Next(&raw_entry, watcher.get(), s_poll_ms);
             qv::kv_entry_ptr change(raw_entry);

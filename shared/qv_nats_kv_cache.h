@@ -5,7 +5,8 @@
 // server. Only values read after the watch has caught up are kept; an entry is also dropped after
 // s_max_age at the latest, so that a change the watch cannot report (a bucket's own maximum age
 // expiring a key) is seen within that time, and the cache never holds more than s_max_entries
-// keys or s_max_bytes of values.
+// keys or s_max_bytes of values. A bucket deleted (or deleted and made again) empties the cache
+// and starts a new watch: the old one would never report the new bucket's changes.
 #pragma once
 
 #include <atomic>

@@ -153,3 +153,29 @@ TEST_F(ConfigKv, CachedReadsFollowEveryInstancesChanges) {
     EXPECT_TRUE(qvtest::wait_until([&] { return raw("ac.r2") == "a2"; }));
     qv_nats_deinit(other.get());
 }
+
+// A bucket deleted and made again numbers its revisions from 1 anew; the watch on the old one
+// would report none of its changes, so reads would lag by the cache's whole entry age.
+TEST_F(ConfigKv, ABucketMadeAgainIsWatchedAfresh) {
+    std::unique_ptr<qv_nats_config> other = server.client_config();
+    ASSERT_EQ(qv_nats_init(other.get()), 0);
+    qv_nats_config* mine = config->main_nats_config.get();
+    for (const char* value : {"o1", "o2", "o3", "old"}) {
+        ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", value, 0), 0);
+    }
+    EXPECT_EQ(raw("scan.r1.s1"), "old");
+    ASSERT_TRUE(qvtest::wait_until([&] { return mine->_config_cache->ready(); }));
+    EXPECT_EQ(raw("scan.r1.s1"), "old");
+
+    ASSERT_EQ(js_DeleteKeyValue(other->_js.get(), QV_KV_CONFIG_BUCKET), NATS_OK);
+    ASSERT_EQ(server.create_buckets(), 0);
+    ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", "new", 0), 0);
+    const auto soon = std::chrono::milliseconds(qv_nats_kv_cache::s_max_age) / 2;
+    EXPECT_TRUE(qvtest::wait_until([&] { return raw("scan.r1.s1") == "new"; }, soon));
+    ASSERT_TRUE(qvtest::wait_until([&] { return mine->_config_cache->ready(); }));
+    // The new bucket's later changes are reported too.
+    EXPECT_EQ(raw("scan.r1.s1"), "new");
+    ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", "newer", 0), 0);
+    EXPECT_TRUE(qvtest::wait_until([&] { return raw("scan.r1.s1") == "newer"; }, soon));
+    qv_nats_deinit(other.get());
+}

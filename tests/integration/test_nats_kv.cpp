@@ -525,3 +525,54 @@ TEST_F(KvFixture, LargeStagedPayloadsWaitForRoomInsteadOfPilingUp) {
         qv_nats_unstage_scan_data(cfg.get(), key.c_str());
     }
 }
+
+// Payloads are let in in the order they came: smaller ones that keep arriving, each fitting beside
+// those in flight, do not keep a large one out until its wait runs out.
+TEST_F(KvFixture, ALargeStagedPayloadIsNotKeptOutBySmallerOnesAfterIt) {
+    ASSERT_EQ(qv_nats_start_service_handler_threads(cfg.get(), "qv-test.hold", holding_probe,
+                                                    nullptr, &stop, 8),
+              0);
+    const size_t small_size = qv_staged_budget::s_limit / 6;
+    const size_t large_size = qv_staged_budget::s_limit - small_size;
+    std::string small;
+    std::string large;
+    for (auto [key, size] : {std::pair{&small, small_size}, std::pair{&large, large_size}}) {
+        const auto data = pattern(size);
+        ASSERT_EQ(qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 60000, key, nullptr),
+                  0);
+    }
+    auto send = [&](const std::string& key, uint64_t timeout_ms) {
+        qv_message_t request;
+        request.json_txt = "{\"Command\": 101}";
+        request.staged_data_key = key;
+        qv_message_t reply;
+        qv_const_request_reply_t rr{&request, &reply};
+        qv::json_ptr out =
+            qv_nats_send_recv_json_data(cfg.get(), "qv-test.hold", &rr, timeout_ms, 0, 0, nullptr);
+        json_object* m = nullptr;
+        return out && json_object_object_get_ex(out.get(), "Size", &m) ? json_object_get_int64(m)
+                                                                       : int64_t{-1};
+    };
+    std::atomic<bool> done{false};
+    std::atomic<int> small_served{0};
+    std::vector<std::thread> requesters;
+    for (int i = 0; i < 7; ++i) {
+        requesters.emplace_back([&] {
+            while (!done.load()) {
+                if (send(small, 60000) == static_cast<int64_t>(small_size)) {
+                    small_served++;
+                }
+            }
+        });
+    }
+    // The small payloads keep the budget partly taken from here on.
+    ASSERT_TRUE(qvtest::wait_until([&] { return small_served.load() >= 20; }));
+    // Well under the longest wait for room.
+    EXPECT_EQ(send(large, 20000), static_cast<int64_t>(large_size));
+    done = true;
+    for (std::thread& t : requesters) {
+        t.join();
+    }
+    qv_nats_unstage_scan_data(cfg.get(), small.c_str());
+    qv_nats_unstage_scan_data(cfg.get(), large.c_str());
+}
