@@ -48,6 +48,20 @@ struct KvFixture : ::testing::Test {
         int rc = qv_nats_kv_get(cfg.get(), bucket, key.c_str(), &v);
         return rc == 0 ? v : "<" + std::to_string(rc) + ">";
     }
+    // Sends a request naming the payload staged under `key` to `service`, whose handler answers
+    // with the size it received; that size, or -1 without an answer.
+    int64_t staged_size(const char* service, const std::string& key, uint64_t timeout_ms) {
+        qv_message_t request;
+        request.json_txt = "{\"Command\": 101}";
+        request.staged_data_key = key;
+        qv_message_t reply;
+        qv_const_request_reply_t rr{&request, &reply};
+        qv::json_ptr out =
+            qv_nats_send_recv_json_data(cfg.get(), service, &rr, timeout_ms, 0, 0, nullptr);
+        json_object* m = nullptr;
+        return out && json_object_object_get_ex(out.get(), "Size", &m) ? json_object_get_int64(m)
+                                                                       : int64_t{-1};
+    }
 };
 
 // Returns the size of the staged payload it received, and whether it saw "_kv_key".
@@ -502,19 +516,7 @@ TEST_F(KvFixture, LargeStagedPayloadsWaitForRoomInsteadOfPilingUp) {
     std::vector<int64_t> sizes(keys.size(), -1);
     std::vector<std::thread> requesters;
     for (size_t i = 0; i < keys.size(); ++i) {
-        requesters.emplace_back([&, i] {
-            qv_message_t request;
-            request.json_txt = "{\"Command\": 101}";
-            request.staged_data_key = keys[i];
-            qv_message_t reply;
-            qv_const_request_reply_t rr{&request, &reply};
-            qv::json_ptr out =
-                qv_nats_send_recv_json_data(cfg.get(), "qv-test.hold", &rr, 30000, 0, 0, nullptr);
-            json_object* m = nullptr;
-            if (out && json_object_object_get_ex(out.get(), "Size", &m)) {
-                sizes[i] = json_object_get_int64(m);
-            }
-        });
+        requesters.emplace_back([&, i] { sizes[i] = staged_size("qv-test.hold", keys[i], 30000); });
     }
     for (std::thread& t : requesters) {
         t.join();
@@ -541,25 +543,13 @@ TEST_F(KvFixture, ALargeStagedPayloadIsNotKeptOutBySmallerOnesAfterIt) {
         ASSERT_EQ(qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 60000, key, nullptr),
                   0);
     }
-    auto send = [&](const std::string& key, uint64_t timeout_ms) {
-        qv_message_t request;
-        request.json_txt = "{\"Command\": 101}";
-        request.staged_data_key = key;
-        qv_message_t reply;
-        qv_const_request_reply_t rr{&request, &reply};
-        qv::json_ptr out =
-            qv_nats_send_recv_json_data(cfg.get(), "qv-test.hold", &rr, timeout_ms, 0, 0, nullptr);
-        json_object* m = nullptr;
-        return out && json_object_object_get_ex(out.get(), "Size", &m) ? json_object_get_int64(m)
-                                                                       : int64_t{-1};
-    };
     std::atomic<bool> done{false};
     std::atomic<int> small_served{0};
     std::vector<std::thread> requesters;
     for (int i = 0; i < 7; ++i) {
         requesters.emplace_back([&] {
             while (!done.load()) {
-                if (send(small, 60000) == static_cast<int64_t>(small_size)) {
+                if (staged_size("qv-test.hold", small, 60000) == static_cast<int64_t>(small_size)) {
                     small_served++;
                 }
             }
@@ -568,7 +558,7 @@ TEST_F(KvFixture, ALargeStagedPayloadIsNotKeptOutBySmallerOnesAfterIt) {
     // The small payloads keep the budget partly taken from here on.
     ASSERT_TRUE(qvtest::wait_until([&] { return small_served.load() >= 20; }));
     // Well under the longest wait for room.
-    EXPECT_EQ(send(large, 20000), static_cast<int64_t>(large_size));
+    EXPECT_EQ(staged_size("qv-test.hold", large, 20000), static_cast<int64_t>(large_size));
     done = true;
     for (std::thread& t : requesters) {
         t.join();
