@@ -160,3 +160,11 @@ struct quorvale_control_config_t {
 
 // A record with every default of a fresh start: the sub-records allocated, the lists empty.
 std::unique_ptr<quorvale_control_config_t> qvctrl_config_new();
+
+// What the realms poller and the configuration poller are started with. main owns the record for
+// the life of the thread; setting targetstatus to STOP ends the thread's loop within a second.
+struct poller_thread_params_t {
+    std::atomic<qv_thread_status> currentstatus{CREATING};
+    std::atomic<qv_thread_status> targetstatus{READY};
+    quorvale_control_config_t* config = nullptr;
+};
