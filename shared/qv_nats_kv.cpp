@@ -723,6 +723,19 @@ uint64_t s_marker_revision(jsCtx* js, const char* bucket, const char* key) {
     return natsMsg_GetSequence(msg.get());
 }
 
+// True when the entry was written longer than `ttl_ms` ago by the server's clock, as far as this
+// host's clock tells.
+bool s_lease_expired(kvEntry* entry, int64_t ttl_ms) {
+    if (ttl_ms < 1) {
+        return false;
+    }
+    const int64_t written_ns = kvEntry_Created(entry);
+    const int64_t now_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
+    return written_ns > 0 && now_ns - written_ns > ttl_ms * 1000000;
+}
+
 }  // namespace
 
 int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, const char* owner,
@@ -744,7 +757,11 @@ int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, c
         const int len = kvEntry_ValueLen(entry.get());
         const std::string_view holder(static_cast<const char*>(kvEntry_Value(entry.get())),
                                       len > 0 ? static_cast<size_t>(len) : 0);
-        if (holder != owner) {
+        // A server that does not expire single messages keeps a stopped holder's lease for
+        // ever; a lease not renewed within its time is therefore free for the taking. The take-
+        // over is written at the revision read, so of several takers exactly one succeeds, and a
+        // holder that renews meanwhile keeps it.
+        if (holder != owner && !s_lease_expired(entry.get(), ttl_ms)) {
             return 0;
         }
         written =

@@ -83,7 +83,8 @@ int qv_nats_kv_keys(qv_nats_config* cfg, const char* bucket, const char* prefix,
                     const qv_kv_key_cb& callback);
 // 1 lease held by `owner` (taken or renewed), 0 held by someone else, -1 on error. Exclusive: it
 // is taken only by creating the absent key and renewed only at the revision read, so two
-// contenders can never both hold it.
+// contenders can never both hold it. A lease its holder has not renewed for `ttl_ms` may be taken
+// over (at the revision read), also on a server that does not expire single entries.
 int qv_nats_kv_lease(qv_nats_config* cfg, const char* bucket, const char* key, const char* owner,
                      int64_t ttl_ms);
 

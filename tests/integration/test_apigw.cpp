@@ -5,7 +5,6 @@
 #include <vector>
 
 #include <curl/curl.h>
-#include <sodium.h>
 
 #include "http_test_server.h"
 #include "log_capture.h"
@@ -24,14 +23,7 @@ using qvtest::HttpTestServer;
 
 namespace {
 
-std::string base64(const std::string& plain) {
-    std::vector<char> encoded(
-        sodium_base64_encoded_len(plain.size(), sodium_base64_VARIANT_ORIGINAL));
-    sodium_bin2base64(encoded.data(), encoded.size(),
-                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
-                      sodium_base64_VARIANT_ORIGINAL);
-    return encoded.data();
-}
+using qvtest::base64;
 
 const std::string kScan = R"({"SCAN":{"MAXSIZE":"100"}})";
 const std::string kMimeExt = R"({"MIME-type-to-extensions":{"text/plain":"txt"}})";

@@ -1,5 +1,7 @@
 #include "qv_test_util.h"
 
+#include <sodium.h>
+
 #include <gtest/gtest.h>
 
 #include "qv_handles.h"
@@ -253,6 +255,15 @@ std::string call_handler(qv_service_handler_t handler, void* context, const std:
         *rc = status;
     }
     return rr.reply.json_txt;
+}
+
+std::string base64(const std::string& plain) {
+    std::vector<char> encoded(
+        sodium_base64_encoded_len(plain.size(), sodium_base64_VARIANT_ORIGINAL));
+    sodium_bin2base64(encoded.data(), encoded.size(),
+                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
+                      sodium_base64_VARIANT_ORIGINAL);
+    return encoded.data();
 }
 
 }  // namespace qvtest

@@ -82,6 +82,9 @@ class Recorder {
     std::vector<std::string> requests_;
 };
 
+// The text in standard base64 with padding, as the API gateway and the backend send configurations.
+std::string base64(const std::string& plain);
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
 // True when a TCP connection to 127.0.0.1:port succeeds.
