@@ -34,6 +34,7 @@
 #include "qv-av-control-json-logger.h"
 #include "qvctrl_worker_request_handlers.h"
 #include "qvctrl_PIDlockfile.h"
+#include "qvctrl_backend_config_changes.h"
 #include "qvctrl_config.h"
 #include "qvctrl_flush_worker_caches.h"
 #include "qvctrl_scan_config_requests.h"
@@ -73,6 +74,16 @@ qv_thread_t s_registry_watcher;
 
 // The event-subscription watcher of the current start phase (shared subscriptions only).
 qv_thread_t s_event_sub_watcher;
+
+// The cloud-management pollers of the current start phase and their parameter records. A poller
+// busy with a slow transfer when it is told to stop is let go, so it shares its record with the
+// phase rather than borrowing it.
+struct s_poller {
+    qv_thread_t thread;
+    std::shared_ptr<poller_thread_params_t> params;
+};
+s_poller s_realms_poller;
+s_poller s_config_poller;
 
 // Modification times of the on-premises configuration directories, as last seen; a change makes
 // the main loop flush the workers of that configuration kind.
@@ -198,6 +209,26 @@ std::string s_config_dir(const std::string& basedir, const char* kind) {
     return path;
 }
 
+// Starts a poller with a fresh parameter record. 0 or -1.
+int s_start_poller(s_poller* poller, quorvale_control_config_t* config,
+                   void (*entry)(poller_thread_params_t*)) {
+    auto params = std::make_shared<poller_thread_params_t>();
+    params->config = config;
+    poller->params = params;
+    poller->thread = qv_thread_t();
+    return QV_CreateThread(&poller->thread, [params, entry] { entry(params.get()); });
+}
+
+// Tells a poller to stop and waits a moment for it.
+void s_stop_poller(s_poller* poller, const char* name) {
+    if (poller->params) {
+        poller->params->targetstatus = STOP;
+    }
+    if (poller->thread.thread.joinable()) {
+        s_join_worker_threads(&poller->thread, 1, name);
+    }
+}
+
 // The thread start phase. 0 when every row and thread started.
 int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread) {
     (void)update_thread;
@@ -245,6 +276,15 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
         if (QV_CreateThread(&s_event_sub_watcher,
                             [params] { qvctrl_event_sub_watcher_thread(params); }) != 0) {
             log_error("Failed to create event-subscription watcher thread");
+            return -1;
+        }
+    }
+    if (config->cloud_management) {
+        log_info("Starting config_poller thread");
+        if (s_start_poller(&s_config_poller, config, [](poller_thread_params_t* params) {
+                qvctrl_config_poller_thread(params, &killed);
+            }) != 0) {
+            log_error("Failed to create config_poller thread");
             return -1;
         }
     }
@@ -512,6 +552,8 @@ int s_run(int argc, char** argv) {
         if (s_registry_watcher.thread.joinable()) {
             s_join_worker_threads(&s_registry_watcher, 1, "worker-registry watcher");
         }
+        s_stop_poller(&s_realms_poller, "realms_poller");
+        s_stop_poller(&s_config_poller, "config_poller");
         // The watcher must be gone before a retried phase lowers the stop flag and starts another.
         if (s_event_sub_watcher.thread.joinable()) {
             s_join_worker_threads(&s_event_sub_watcher, 1, "event-subscription watcher");
