@@ -62,16 +62,11 @@ class BackendConfigChanges : public ::testing::Test {
         ASSERT_EQ(server.create_buckets(), 0);
         config = connected_config("instance-a");
         workers = std::make_unique<qvtest::NatsClient>(server);
-        for (auto& [service, worker, recorder] :
-             {std::tuple{"qv-av-mimescan", "qv-av-mimescan-w1", &mime},
-              std::tuple{"qv-av-activecontent", "qv-av-activecontent-w1", &activecontent}}) {
+        for (auto& [worker, recorder] : {std::pair{"qv-av-mimescan-w1", &mime},
+                                         std::pair{"qv-av-activecontent-w1", &activecontent}}) {
             ASSERT_EQ(qv_nats_start_service_handler_threads(
                           workers->get(), worker, qvtest::Recorder::handle, recorder, &stop, 1),
                       0);
-            auto running = std::make_shared<qv_active_worker_t>();
-            running->servicename = service;
-            running->controlservicename = worker;
-            config->running_services.append(running);
         }
         ASSERT_EQ(natsConnection_FlushTimeout(qv_nats_connection(workers->get()).get(), 10000),
                   NATS_OK);
@@ -97,6 +92,15 @@ class BackendConfigChanges : public ::testing::Test {
         c->cloud_mode = true;
         c->apigw_url = gateway.url();
         c->config_poll_interval = 1;
+        // Every instance projects the same two workers, so whichever holds the lease flushes them.
+        for (auto [service, worker] :
+             {std::pair{"qv-av-mimescan", "qv-av-mimescan-w1"},
+              std::pair{"qv-av-activecontent", "qv-av-activecontent-w1"}}) {
+            auto running = std::make_shared<qv_active_worker_t>();
+            running->servicename = service;
+            running->controlservicename = worker;
+            c->running_services.append(running);
+        }
         configs.push_back(std::move(c));
         return configs.back().get();
     }
