@@ -6,73 +6,42 @@
 #include <thread>
 #include <vector>
 
-#include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "broker_auth_realms.h"
+#include "auth_tool.h"
 #include "log_capture.h"
 #include "qv_test_util.h"
 #include "qvctrl_write_broker_auth.h"
-
-extern char** environ;
 
 namespace {
 
 using qvtest::read_file;
 using qvtest::write_file;
 
-const std::string kTool = std::string(QV_BIN_DIR) + "/qv_test_auth_tool";
-const std::string kHead =
-    "# hand-made header\nauthorization {\n  users = [\n    {user: \"control@b1\", password: "
-    "\"pw\"}\n";
+const std::string kHead = "# by hand\nauthorization {\n  users = [\n    {user: \"control@b1\"}\n";
 const std::string kTail = "  ]\n}\n# trailer\n";
-
-pid_t spawn(std::vector<std::string> args) {
-    args.insert(args.begin(), kTool);
-    std::vector<char*> argv;
-    for (std::string& a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    return posix_spawn(&pid, kTool.c_str(), nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
-}
 
 int reap(pid_t pid) {
     int status = 0;
     return waitpid(pid, &status, 0) == pid ? status : -1;
 }
 
-ino_t inode(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
-// True when `text` is the file as the installer left it (head, tail) or with one complete block
-// that a writer of one of `tags` wrote in some round.
+// True when `text` is the file as the installer left it or with one complete block that a
+// writer of one of `tags` wrote in some round.
 bool complete_version(const std::string& text, const std::vector<std::string>& tags) {
     if (text == kHead + kTail) {
         return true;
     }
-    if (text.size() < kHead.size() + kTail.size() || text.compare(0, kHead.size(), kHead) != 0 ||
-        text.compare(text.size() - kTail.size(), kTail.size(), kTail) != 0) {
-        return false;
-    }
-    const std::string block = text.substr(kHead.size(), text.size() - kHead.size() - kTail.size());
-    // The first user names the writer and the round: user: "<tag>-<round>-0@b1".
-    const size_t user = block.find("user: \"");
-    if (user == std::string::npos) {
-        return false;
-    }
-    const size_t dash = block.find('-', user);
-    const std::string tag = block.substr(user + 7, dash - user - 7);
-    const long round = atol(block.c_str() + dash + 1);
-    for (const std::string& t : tags) {
-        const auto realms = qvtest_auth_realms(t, round);
-        if (t == tag && block == qvctrl_broker_auth_block("b1", realms.data(), realms.size())) {
-            return true;
+    for (const std::string& tag : tags) {
+        // The first user names the round: user: "<tag>-<round>-0@b1".
+        const size_t at = text.find("user: \"" + tag + "-");
+        if (at != std::string::npos) {
+            const auto realms = qvtest_auth_realms(tag, atol(text.c_str() + at + 8 + tag.size()));
+            if (text ==
+                kHead + qvctrl_broker_auth_block("b1", realms.data(), realms.size()) + kTail) {
+                return true;
+            }
         }
     }
     return false;
@@ -89,12 +58,11 @@ class BrokerAuthDurability : public ::testing::Test {
 TEST_F(BrokerAuthDurability, WriterKilledAtAnyMomentLeavesACompleteFile) {
     std::mt19937 random(std::random_device{}());
     for (int kill_round = 0; kill_round < 40; ++kill_round) {
-        const ino_t before = inode(path);
-        const pid_t writer = spawn({"write", path, "b1", "k", "0"});
+        const std::string before = read_file(path);
+        const pid_t writer = qvtest_spawn_auth_tool({"write", path, "b1", "k", "0"});
         ASSERT_GT(writer, 0);
-        // Once it has replaced the file at least once it is somewhere in its loop; the kill
-        // comes a random moment later.
-        ASSERT_TRUE(qvtest::wait_until([&] { return inode(path) != before; }));
+        // Once the file changed it is somewhere in its loop; the kill comes a random moment later.
+        ASSERT_TRUE(qvtest::wait_until([&] { return read_file(path) != before; }));
         std::this_thread::sleep_for(
             std::chrono::microseconds(std::uniform_int_distribution<int>(0, 20000)(random)));
         kill(writer, SIGKILL);
@@ -105,8 +73,8 @@ TEST_F(BrokerAuthDurability, WriterKilledAtAnyMomentLeavesACompleteFile) {
 }
 
 TEST_F(BrokerAuthDurability, ConcurrentWritersNeverCorruptTheFile) {
-    const pid_t a = spawn({"write", path, "b1", "a", "150"});
-    const pid_t b = spawn({"write", path, "b1", "b", "150"});
+    const pid_t a = qvtest_spawn_auth_tool({"write", path, "b1", "a", "150"});
+    const pid_t b = qvtest_spawn_auth_tool({"write", path, "b1", "b", "150"});
     ASSERT_GT(a, 0);
     ASSERT_GT(b, 0);
     // A reader (as the broker would be) sees only complete files all along.
@@ -133,7 +101,7 @@ TEST_F(BrokerAuthDurability, ConcurrentWritersNeverCorruptTheFile) {
 TEST_F(BrokerAuthDurability, WriterWaitingForTheLockMergesIntoTheFileThatReplacedIt) {
     qvtest::LogCapture log;
     const std::string ready = dir / "locked";
-    const pid_t holder = spawn({"hold", path, ready});
+    const pid_t holder = qvtest_spawn_auth_tool({"hold", path, ready});
     ASSERT_GT(holder, 0);
     ASSERT_TRUE(qvtest::wait_until([&] { return qvtest::file_exists(ready); }));
 

@@ -8,10 +8,10 @@
 
 #include <curl/curl.h>
 #include <nats/nats.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "auth_tool.h"
 #include "http_test_server.h"
 #include "log_capture.h"
 #include "nats_server.h"
@@ -19,8 +19,6 @@
 #include "qv_test_util.h"
 #include "qvctrl_apigw_transfer.h"
 #include "qvctrl_realms_poller_thread.h"
-
-extern char** environ;
 
 namespace {
 
@@ -175,27 +173,15 @@ TEST_F(RealmsPoller, FailedRepliesAndBadPidFilesNeverSignal) {
 TEST_F(RealmsPoller, NonLeaderSignalsAChangeMadeByAnotherControl) {
     // Another control leads: it holds the leader lock (in a process of its own, as record locks
     // belong to processes).
-    const std::string tool = std::string(QV_BIN_DIR) + "/qv_test_auth_tool";
-    const auto run_tool = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), tool);
-        std::vector<char*> argv;
-        for (std::string& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, tool.c_str(), nullptr, nullptr, argv.data(), environ), 0);
-        return pid;
-    };
     const std::string ready = broker.file("leader.ready");
-    const pid_t leader = run_tool({"hold", auth + ".lock", ready});
+    const pid_t leader = qvtest_spawn_auth_tool({"hold", auth + ".lock", ready});
     ASSERT_TRUE(wait_until([&] { return qvtest::file_exists(ready); }));
 
     start();
     ASSERT_TRUE(log.wait_for("poller_lock: " + auth + ".lock held by another control"));
     // The leader's write (one realm, "x-0-0" with password "pw-0-0") reaches this broker through
     // this control's signal.
-    const pid_t writer = run_tool({"write", auth, "b1", "x", "1"});
+    const pid_t writer = qvtest_spawn_auth_tool({"write", auth, "b1", "x", "1"});
     int status = -1;
     ASSERT_EQ(waitpid(writer, &status, 0), writer);
     EXPECT_EQ(status, 0);

@@ -14,7 +14,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "broker_auth_realms.h"
+#include "auth_tool.h"
 #include "log.h"
 #include "qvctrl_write_broker_auth.h"
 

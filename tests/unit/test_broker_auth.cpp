@@ -21,44 +21,20 @@ const std::string kEnd = "# ── END   qv-av-control cloud-managed realms ─�
 
 // An installer's file: the users array closes on an indented line with a CR; a later line with
 // a blank after its bracket must not be taken for the closing line.
-const std::string kHead =
-    "# installer-generated\n"
-    "accounts {\n"
-    "  QV {\n"
-    "    users = [\n"
-    "        {user: \"control@b1\", password: \"pw\"}\n";
-const std::string kTail =
-    "\t  ]\r\n"
-    "  }\n"
-    "] \n"
-    "}\n";
+const std::string kHead = "accounts {\n  QV {\n    users = [\n      {user: \"control@b1\"}\n";
+const std::string kTail = "\t  ]\r\n  }\n] \n}\n";
 
+// One realm's eight lines, with their indentation.
 std::string entry(const std::string& user, const std::string& password) {
-    return "        {\n"
-           "            user: \"" +
-           user +
-           "\"\n"
-           "            password: \"" +
-           password +
-           "\"\n"
-           "            permissions: {\n"
-           "                publish:   { allow: [\">\"] }\n"
-           "                subscribe: { allow: [\">\"] }\n"
-           "            }\n"
-           "        }\n";
+    return "        {\n            user: \"" + user + "\"\n            password: \"" + password +
+           "\"\n            permissions: {\n                publish:   { allow: [\">\"] }\n"
+           "                subscribe: { allow: [\">\"] }\n            }\n        }\n";
 }
 
-struct FileId {
-    ino_t ino;
-    timespec mtime;
-    mode_t mode;
-    uid_t uid;
-    gid_t gid;
-};
-FileId file_id(const std::string& path) {
+struct stat file_stat(const std::string& path) {
     struct stat st {};
     EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
-    return {st.st_ino, st.st_mtim, st.st_mode & 07777, st.st_uid, st.st_gid};
+    return st;
 }
 
 class BrokerAuthWriter : public ::testing::Test {
@@ -90,32 +66,30 @@ TEST_F(BrokerAuthWriter, BootstrapsThenRewritesOnlyTheRegion) {
     // Hand-made users and comments outside the markers survive every rewrite byte for byte, and
     // the replacement keeps the file's mode and owner.
     const std::string before = "# edited by hand\r\n" + kHead;
-    const std::string after = kEnd + "        {user: \"hand@b1\", password: \"x\"}\n" + kTail;
+    const std::string after = kEnd + "      {user: \"hand@b1\"}\n" + kTail;
     write_file(path, before + kBegin + entry("old@b1", "o") + after);
     ASSERT_EQ(chmod(path.c_str(), 0640), 0);
     const bool root = geteuid() == 0;
-    if (root) {
-        ASSERT_EQ(chown(path.c_str(), 4321, 4322), 0);
-    }
-    const FileId old_id = file_id(path);
+    ASSERT_TRUE(!root || chown(path.c_str(), 4321, 4322) == 0);
+    const struct stat old = file_stat(path);
     ASSERT_EQ(write({{"r3", "p3"}}, &changed), 0) << log.text();
     EXPECT_TRUE(changed);
     EXPECT_EQ(read_file(path), before + kBegin + entry("r3@b1", "p3") + after);
     EXPECT_TRUE(log.contains("write_broker_auth: wrote 1 cloud-managed realm(s) to " + path));
-    const FileId written = file_id(path);
-    EXPECT_NE(written.ino, old_id.ino);
-    EXPECT_EQ(written.mode, 0640u);
-    EXPECT_EQ(written.uid, root ? 4321u : old_id.uid);
-    EXPECT_EQ(written.gid, root ? 4322u : old_id.gid);
-    EXPECT_TRUE(qvtest::list_dir(dir.path()) == std::vector<std::string>{"broker.auth"});
+    const struct stat written = file_stat(path);
+    EXPECT_NE(written.st_ino, old.st_ino);
+    EXPECT_EQ(written.st_mode & 07777, 0640u);
+    EXPECT_EQ(written.st_uid, root ? 4321u : old.st_uid);
+    EXPECT_EQ(written.st_gid, root ? 4322u : old.st_gid);
+    EXPECT_EQ(qvtest::list_dir(dir.path()), std::vector<std::string>{"broker.auth"});
 
     // The same realms again: nothing is written, the file keeps its inode and time.
     ASSERT_EQ(write({{"r3", "p3"}}, &changed), 0);
     EXPECT_FALSE(changed);
-    const FileId same = file_id(path);
-    EXPECT_EQ(same.ino, written.ino);
-    EXPECT_EQ(same.mtime.tv_sec, written.mtime.tv_sec);
-    EXPECT_EQ(same.mtime.tv_nsec, written.mtime.tv_nsec);
+    const struct stat same = file_stat(path);
+    EXPECT_EQ(same.st_ino, written.st_ino);
+    EXPECT_EQ(same.st_mtim.tv_sec, written.st_mtim.tv_sec);
+    EXPECT_EQ(same.st_mtim.tv_nsec, written.st_mtim.tv_nsec);
     EXPECT_TRUE(log.contains(
         "write_broker_auth: cloud-managed slice unchanged (1 realms); skipping rewrite"));
 
@@ -145,7 +119,7 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
     };
     for (const Case& c : cases) {
         write_file(path, c.contents);
-        const FileId id = file_id(path);
+        const ino_t ino = file_stat(path).st_ino;
         log.clear();
         for (int call = 0; call < 2; ++call) {
             bool changed = true;
@@ -154,7 +128,7 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
         }
         EXPECT_EQ(log.count(c.line), 2) << log.text();
         EXPECT_EQ(read_file(path), c.contents);
-        EXPECT_EQ(file_id(path).ino, id.ino);
+        EXPECT_EQ(file_stat(path).st_ino, ino);
     }
 
     // Bad arguments never reach the file; a broker name that would break every user neither.
@@ -173,7 +147,7 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
     const std::string absent = dir / "absent.auth";
     EXPECT_EQ(qvctrl_write_broker_auth(absent.c_str(), "b1", one.data(), 1, nullptr), -1);
     EXPECT_EQ(read_file(absent), "");
-    EXPECT_EQ(file_id(absent).mode, 0600u);
+    EXPECT_EQ(file_stat(absent).st_mode & 07777, 0600u);
 }
 
 TEST_F(BrokerAuthWriter, RealmsTheBrokerCannotReadAreLeftOut) {
