@@ -1,5 +1,6 @@
 #include "log.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -96,6 +97,13 @@ const char* s_level_color(int level) {
 }  // namespace
 
 void log_log(int level, const char* function, const char* file, int line, const char* format, ...) {
+    // A "%m" in the format names the caller's errno, and a caller may still test errno after
+    // logging: neither may see what the stamp, the lock or the file calls below leave in it.
+    const int caller_errno = errno;
+    struct errno_restore {
+        int value;
+        ~errno_restore() { errno = value; }
+    } restore{caller_errno};
     // Without a trace file, errors still reach standard error (unless the screen is quiet)
     // whatever the level: a process that cannot start must be able to say why.
     const file_sink& sink = *L.sink.load();
@@ -119,6 +127,7 @@ void log_log(int level, const char* function, const char* file, int line, const 
         va_start(args, format);
         fprintf(stderr, "[%s] %s%-5s PID: %6d TID: %6lu %s:%s(): ", stamp, s_level_color(level),
                 s_level_name(level), pid, tid, qv__progname, function);
+        errno = caller_errno;
         vfprintf(stderr, format, args);
         fprintf(stderr, " \033[90m(%s:%d)\033[0m \n", file, line);
         fflush(stderr);
@@ -143,6 +152,7 @@ void log_log(int level, const char* function, const char* file, int line, const 
             va_start(args, format);
             fprintf(fp, "[%s] %-5s PID: %6d TID: %6lu %s:%s(): ", stamp, s_level_name(level), pid,
                     tid, qv__progname, function);
+            errno = caller_errno;
             vfprintf(fp, format, args);
             va_end(args);
             if (configured == QVLOG_TRACE) {

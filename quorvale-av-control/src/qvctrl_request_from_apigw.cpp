@@ -1,7 +1,5 @@
 #include "qvctrl_request_from_apigw.h"
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -10,21 +8,16 @@
 #include "log.h"
 #include "qv_json.h"
 #include "qv_validate.h"
+#include "qvctrl_apigw_transfer.h"
 #include "qvctrl_component_configuration.h"
 #include "qvctrl_tenants.h"
 #include "qvctrl_worker_request_handlers.h"
-#include "qvhlp_curl_trace.h"
 
 namespace {
 
 constexpr const char* kConfigurationsPath = "/configurations/control";
 // The URL buffer of the request, terminator included.
 constexpr size_t kUrlMax = 1024;
-// How long an operator's CA bundle stays cached between transfers: one week.
-constexpr long kCaCacheSeconds = 604800;
-
-std::atomic<long> s_connect_timeout_ms{10000};
-std::atomic<long> s_total_timeout_ms{30000};
 
 // The reply body; `exceeded` once the gateway sent more than the buffer holds.
 struct reply_buffer {
@@ -49,71 +42,15 @@ size_t s_receive(char* data, size_t size, size_t nmemb, void* userdata) {
     return chunk;
 }
 
-// The proxy as the log shows it: a password in its user part is masked.
-std::string s_proxy_for_log(const std::string& proxy) {
-    const size_t scheme = proxy.find("://");
-    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
-    const size_t at = proxy.find('@', start);
-    const size_t slash = proxy.find('/', start);
-    if (at == std::string::npos || (slash != std::string::npos && slash < at)) {
-        return proxy;
-    }
-    const size_t colon = proxy.find(':', start);
-    if (colon == std::string::npos || colon > at) {
-        return proxy;
-    }
-    return proxy.substr(0, colon + 1) + "***" + proxy.substr(at);
-}
-
-// The CA bundle an operator named for a private CA, or null for the system trust store.
-const char* s_ca_bundle() {
-    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
-        const char* value = getenv(name);
-        if (value != nullptr && value[0] != '\0') {
-            return value;
-        }
-    }
-    return nullptr;
-}
-
 // Sets the transfer's options; false (logged) at the first the library refuses.
 bool s_set_options(CURL* curl, const std::string& url, const quorvale_control_config_t* config,
                    reply_buffer* reply, char* error_buffer) {
-    CURLcode rc = CURLE_OK;
-    const auto set = [&](CURLoption option, auto value) {
-        if (rc == CURLE_OK) {
-            rc = curl_easy_setopt(curl, option, value);
-        }
-    };
-    set(CURLOPT_ERRORBUFFER, error_buffer);
-    set(CURLOPT_URL, url.c_str());
-    set(CURLOPT_HTTPGET, 1L);
-    // Handler threads run transfers side by side; timeouts must not rely on signals.
-    set(CURLOPT_NOSIGNAL, 1L);
-    set(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
-    set(CURLOPT_USERNAME, config->apigw_user.c_str());
-    set(CURLOPT_PASSWORD, config->apigw_password.c_str());
-    set(CURLOPT_WRITEFUNCTION, s_receive);
-    set(CURLOPT_WRITEDATA, static_cast<void*>(reply));
-    // An error status is a failed transfer, not a reply to parse.
-    set(CURLOPT_FAILONERROR, 1L);
-    set(CURLOPT_SSL_VERIFYPEER, 1L);
-    set(CURLOPT_SSL_VERIFYHOST, 2L);
-    if (const char* bundle = s_ca_bundle(); bundle != nullptr) {
-        set(CURLOPT_CAINFO, bundle);
+    CURLcode rc = qvctrl_apigw_set_transfer_options(curl, url, config, error_buffer);
+    if (rc == CURLE_OK) {
+        rc = curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, s_receive);
     }
-#if LIBCURL_VERSION_NUM >= 0x075700
-    set(CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
-#endif
-    set(CURLOPT_CONNECTTIMEOUT_MS, s_connect_timeout_ms.load());
-    set(CURLOPT_TIMEOUT_MS, s_total_timeout_ms.load());
-    set(CURLOPT_VERBOSE, 1L);
-    set(CURLOPT_DEBUGFUNCTION, qvhlp_curl_trace);
-    if (config->network_config && !config->network_config->http_proxy.empty()) {
-        const std::string& proxy = config->network_config->http_proxy;
-        log_info("Using http proxy: %s",
-                 qv_escape_for_log(s_proxy_for_log(proxy), kUrlMax).c_str());
-        set(CURLOPT_PROXY, proxy.c_str());
+    if (rc == CURLE_OK) {
+        rc = curl_easy_setopt(curl, CURLOPT_WRITEDATA, static_cast<void*>(reply));
     }
     if (rc != CURLE_OK) {
         log_error("Failed to set curl options: %s", curl_easy_strerror(rc));
@@ -269,9 +206,4 @@ int qvctrl_get_configurations_from_apigw(quorvale_control_config_t* config, cons
     }
     log_trace("Exiting");
     return rc;
-}
-
-void qvctrl_apigw_set_timeouts_for_tests(long connect_ms, long total_ms) {
-    s_connect_timeout_ms = connect_ms;
-    s_total_timeout_ms = total_ms;
 }

@@ -92,6 +92,10 @@ bool NatsServer::start() {
         conf += "tls {\n  cert_file: \"" + certs.server_cert + "\"\n  key_file: \"" +
                 certs.server_key + "\"\n  timeout: 5\n}\n";
     }
+    if (options_.pid_file) {
+        conf += "pid_file: \"" + file("nats.pid") + "\"\n";
+    }
+    conf += options_.extra_conf;
     const std::string conf_path = dir_ / "nats.conf";
     write_file(conf_path, conf);
     const std::string log_path = dir_ / "nats.log";

@@ -25,7 +25,11 @@ class NatsServer {
   public:
     struct Options {
         bool tls = false;
-        std::vector<std::pair<std::string, std::string>> users;  // user, password
+        std::vector<std::pair<std::string, std::string>> users{};  // user, password
+        // Appended to the configuration as it is. An include names a file relative to the
+        // server's directory (see file()).
+        std::string extra_conf{};
+        bool pid_file = false;  // the server writes its pid to file("nats.pid")
     };
 
     NatsServer();
@@ -44,6 +48,8 @@ class NatsServer {
     // nats://127.0.0.1:port, or tls://localhost:port with TLS.
     std::string url() const;
     const std::string& store_dir() const { return store_; }
+    // A path in the server's directory, where its configuration lives.
+    std::string file(const std::string& name) const { return dir_ / name; }
     // A connection record for this server, not yet connected: its URL and the test CA.
     std::unique_ptr<qv_nats_config> client_config() const;
 
