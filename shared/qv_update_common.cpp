@@ -914,7 +914,8 @@ int remove_dir(const char* parent, const char* name) {
     return 0;
 }
 
-int clean_old_versions(const char* component_dir, const char* latest, int keep) {
+int clean_old_versions(const char* component_dir, const char* latest, int keep,
+                       const char* pending) {
     if (component_dir == nullptr || latest == nullptr) {
         log_error("Invalid parameters");
         return -1;
@@ -947,7 +948,8 @@ int clean_old_versions(const char* component_dir, const char* latest, int keep) 
             return -1;
         }
         while (const dirent* entry = readdir(listing.get())) {
-            if (!s_is_version_dir_name(entry->d_name) || active == entry->d_name) {
+            if (!s_is_version_dir_name(entry->d_name) || active == entry->d_name ||
+                (pending != nullptr && strcmp(pending, entry->d_name) == 0)) {
                 continue;
             }
             struct stat st {};

@@ -105,9 +105,10 @@ int create_version_file(const char* version_dir, const char* component_subdir, c
 // Points <component_dir>/latest at `target`, replacing the link in one step. 0 or -1.
 int update_latest_link(const char* component_dir, const char* target);
 // Deletes the oldest version directories of `component_dir` (10-digit names) so that at most
-// `keep` stay beside the one `latest` names. 0 or -1 (nothing is deleted when `latest` cannot be
-// read).
-int clean_old_versions(const char* component_dir, const char* latest, int keep);
+// `keep` stay beside the one `latest` names and `pending` (a version installed but not active
+// yet, never deleted). 0 or -1 (nothing is deleted when `latest` cannot be read).
+int clean_old_versions(const char* component_dir, const char* latest, int keep,
+                       const char* pending = nullptr);
 // Removes <parent>/<name> with everything below it. 0 or -1.
 int remove_dir(const char* parent, const char* name);
 

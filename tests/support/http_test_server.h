@@ -79,7 +79,7 @@ class HttpTestServer : public detail::LoopbackService {
         std::string content_type = "application/json";
         // Further header lines, sent after the standard ones. A "Content-Length" among them
         // replaces the computed one, so that a size other than the body's can be announced.
-        std::vector<std::pair<std::string, std::string>> headers;
+        std::vector<std::pair<std::string, std::string>> headers{};
         // The body in chunked transfer coding (any "Content-Length" of `headers` is sent too).
         bool chunked = false;
     };

@@ -103,7 +103,10 @@ TEST(UpdateVersions, PruningKeepsTheNewestBesideTheActiveOne) {
                                   "1700000200", "1700000300", "abcdefghij", "conf", "latest"}));
     EXPECT_EQ(clean_old_versions(dir.path().c_str(), latest.c_str(), 2), 0);
     EXPECT_TRUE(log.contains("Nothing to clean up"));
-    EXPECT_EQ(clean_old_versions(dir.path().c_str(), latest.c_str(), 0), 0);
+    // An installed version waiting for activation is never pruned, even when it is the oldest.
+    qvtest::make_dirs(dir / "1000000000");
+    EXPECT_EQ(clean_old_versions(dir.path().c_str(), latest.c_str(), 0, "1000000000"), 0);
+    EXPECT_TRUE(qvtest::file_exists(dir / "1000000000"));
     EXPECT_FALSE(qvtest::file_exists(dir / "1700000200"));
     EXPECT_TRUE(qvtest::file_exists(dir / "1700000300/bin"));
     EXPECT_TRUE(qvtest::file_exists(dir / "17000000000"));
