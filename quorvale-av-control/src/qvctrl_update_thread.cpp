@@ -41,7 +41,8 @@ bool s_stop_requested(const qv_control_update_thread_params_t* params) {
            (params->config != nullptr && params->config->endthreads.load() != 0);
 }
 
-// Sleeps for `duration`, in steps of at most a second; false when a stop was requested.
+// Sleeps for `duration` in short steps, so that a stop is seen well within the second that
+// shutdown waits for this thread; false when a stop was requested.
 bool s_sleep(const qv_control_update_thread_params_t* params, steady::duration duration) {
     const auto until = steady::now() + duration;
     while (!s_stop_requested(params)) {
@@ -50,7 +51,7 @@ bool s_sleep(const qv_control_update_thread_params_t* params, steady::duration d
             return true;
         }
         std::this_thread::sleep_for(
-            std::min<steady::duration>(until - now, std::chrono::milliseconds(1000)));
+            std::min<steady::duration>(until - now, std::chrono::milliseconds(200)));
     }
     return false;
 }
@@ -174,13 +175,14 @@ void qvctrl_update_check(qv_control_update_thread_params_t* params) {
         params->status = WAITING;
         return;
     }
-    params->update_deployed_to = name;
-    params->status = FILES_READY;
     // The version just installed, from its own directory ("latest" still names the running one).
     version = get_curr_ver(new_dir.c_str(), QVCTRL_UPDATE_SUBDIR);
     s_report(true, version.c_str());
+    // Pruned before the main loop may re-point "latest", so that the two never cross.
     clean_old_versions(component_dir.c_str(), latest.c_str(), settings.update_max_backups, name);
     pkg_info_free(&pkg);
+    params->update_deployed_to = name;
+    params->status = FILES_READY;
 }
 
 int qvctrl_update_loop(qv_control_update_thread_params_t* params, long interval_ms) {
