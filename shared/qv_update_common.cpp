@@ -505,12 +505,13 @@ size_t qv_update_header_callback(char* buffer, size_t size, size_t nitems, void*
         }
         long long size = 0;
         bool valid = !value.empty() && value.size() <= 18;
-        for (const char c : value) {
-            if (c < '0' || c > '9') {
+        // At most 18 digits: the value always fits, and anything longer is no package size.
+        for (size_t i = 0; valid && i < value.size(); ++i) {
+            if (value[i] < '0' || value[i] > '9') {
                 valid = false;
                 break;
             }
-            size = size * 10 + (c - '0');
+            size = size * 10 + (value[i] - '0');
         }
         // A size that cannot be read never matches a download.
         pkg->size = valid ? size : -1;
