@@ -8,7 +8,7 @@ PACKAGES=(
   libjson-c-dev libnats-dev libqpid-proton-cpp12-dev libqpid-proton11-dev
   libcurl4-openssl-dev libssl-dev libsodium-dev libarchive-dev libczmq-dev uuid-dev
   libjemalloc-dev googletest libgtest-dev libbenchmark-dev
-  nats-server openssl python3 ca-certificates gnuplot-nox
+  nats-server openssl python3 ca-certificates gnuplot-nox zip
   clang libclang-rt-14-dev
 )
 

@@ -184,6 +184,9 @@ int log_get_level() {
 void log_set_quiet(int enable) {
     L.quiet = enable != 0;
 }
+int log_get_quiet() {
+    return L.quiet.load();
+}
 void log_set_filename(const char* filename) {
     s_update_sink([filename](file_sink& s) {
         snprintf(s.filename, sizeof(s.filename), "%s", filename != nullptr ? filename : "");

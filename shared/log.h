@@ -30,6 +30,7 @@ void log_set_lock(log_LockFn fn);
 void log_set_level(int level);
 int log_get_level();
 void log_set_quiet(int enable);
+int log_get_quiet();
 void log_set_filename(const char* filename);
 const char* log_get_filename();
 void log_set_maxsize(size_t megabytes);

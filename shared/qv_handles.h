@@ -11,6 +11,7 @@
 #include <curl/curl.h>
 #include <json-c/json.h>
 #include <nats/nats.h>
+#include <openssl/evp.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -43,6 +44,9 @@ inline void release_file(FILE* f) {
 inline void release_sem(sem_t* s) {
     sem_close(s);
 }
+inline void release_curl_string(char* s) {
+    curl_free(s);
+}
 inline void release_conn(natsConnection* c) {
     natsConnection_Close(c);
     natsConnection_Destroy(c);
@@ -58,6 +62,9 @@ using sem_ptr = handle<sem_t, release_sem>;
 using curl_ptr = handle<CURL, curl_easy_cleanup>;
 using curl_mime_ptr = handle<curl_mime, curl_mime_free>;
 using curl_slist_ptr = handle<curl_slist, curl_slist_free_all>;
+using curl_url_ptr = handle<CURLU, curl_url_cleanup>;
+using curl_string_ptr = handle<char, release_curl_string>;
+using evp_md_ctx_ptr = handle<EVP_MD_CTX, EVP_MD_CTX_free>;
 using nats_options_ptr = handle<natsOptions, natsOptions_Destroy>;
 using nats_connection_ptr = handle<natsConnection, release_conn>;
 using nats_subscription_ptr = handle<natsSubscription, natsSubscription_Destroy>;

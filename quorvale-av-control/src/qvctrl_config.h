@@ -11,6 +11,7 @@
 #include <string>
 
 #include "qv_nats_config.h"
+#include "qv_update_common.h"
 #include "qvhlp_list.h"
 
 enum qv_thread_status {
@@ -44,16 +45,6 @@ struct log_config {
     bool external_logger = false;
     bool log_as_json = false;
     bool split_logs_by_realm = true;
-};
-
-struct qv_update_config_t {
-    bool update_binary = true;
-    bool update_data = true;
-    bool update_engine = true;
-    std::string update_server;
-    int32_t update_check_interval = 5;
-    int32_t update_max_backups = 3;
-    bool no_certificate_check = false;
 };
 
 struct qv_network_config_t {

@@ -40,6 +40,7 @@
 #include "qvctrl_scan_config_requests.h"
 #include "qvctrl_parse_commandline.h"
 #include "qvctrl_registry_poller.h"
+#include "qvctrl_update_thread.h"
 #include "qvhlp_network.h"
 #include "qvhlp_path.h"
 #include "qvsemaphore.h"
@@ -93,14 +94,6 @@ time_t s_vsa_dir_modification_time = 0;
 
 constexpr const char* s_component = "qv-av-control";
 
-struct qv_control_update_thread_params_t {
-    std::atomic<qv_thread_status> currentstatus{CREATING};
-    std::atomic<qv_thread_status> targetstatus{READY};
-    quorvale_control_config_t* config = nullptr;
-    std::atomic<qv_update_status_t> status{WAITING};
-    std::string update_deployed_to;
-};
-
 void sigterm_handler_fn(int signal) {
     killed.store(1);
     s_sigterm_seen.store(1);
@@ -129,7 +122,7 @@ std::string s_create_IP_string() {
 
 int s_allocate_config_structs_and_set_defaults(
     std::unique_ptr<quorvale_control_config_t>* config_out,
-    std::unique_ptr<qv_control_update_thread_params_t>* update_params_out) {
+    std::shared_ptr<qv_control_update_thread_params_t>* update_params_out) {
     try {
         auto config = qvctrl_config_new();
         config->confighash = s_create_IP_string();
@@ -141,7 +134,7 @@ int s_allocate_config_structs_and_set_defaults(
             qv_uuid_unparse_lower(uuid, uuid_str);
             config->confighash = uuid_str;
         }
-        auto params = std::make_unique<qv_control_update_thread_params_t>();
+        auto params = std::make_shared<qv_control_update_thread_params_t>();
         params->config = config.get();
         *config_out = std::move(config);
         *update_params_out = std::move(params);
@@ -229,9 +222,27 @@ void s_stop_poller(s_poller* poller, const char* name) {
     }
 }
 
+// Starts the update thread under the installation's update lock file. Each start phase gets a
+// fresh parameter record: a thread of an earlier phase that outlived its join keeps its own.
+int s_start_update_thread(quorvale_control_config_t* config, qv_thread_t* update_thread,
+                          std::shared_ptr<qv_control_update_thread_params_t>* update_params) {
+    char dir[4096];
+    snprintf(dir, sizeof(dir), "%s/qv-av-control", config->basedir.c_str());
+    lock_file_set_path(&update_lockfile, dir, QVCTRL_UPDATE_LOCK_NAME);
+    auto params = std::make_shared<qv_control_update_thread_params_t>();
+    params->config = config;
+    *update_params = params;
+    *update_thread = qv_thread_t();
+    if (QV_CreateThread(update_thread, [params] { qvctrl_update_thread(params.get()); }) != 0) {
+        log_error("Failed to create update thread");
+        return -1;
+    }
+    return 0;
+}
+
 // The thread start phase. 0 when every row and thread started.
-int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread) {
-    (void)update_thread;
+int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_thread,
+                    std::shared_ptr<qv_control_update_thread_params_t>* update_params) {
     const bool json_logs = config->log->log_as_json;
     const service_row rows[] = {
         {!config->log->external_logger, "qv-av-log",
@@ -257,6 +268,9 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
             0) {
             return -1;
         }
+    }
+    if (s_start_update_thread(config, update_thread, update_params) != 0) {
+        return -1;
     }
     if (config->worker_registry_enabled) {
         log_info("Starting worker-registry watcher thread");
@@ -309,11 +323,9 @@ void s_build_status_log(const quorvale_control_config_t* config) {
     qv_log_add_log_section(msg.get(), "StatusLog", nullptr, std::move(data));
 }
 
+// `pid_lock_fd`: the PID file's descriptor when it is locked (console instances), else -1.
 void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_params_t* params,
-                 char** argv) {
-    (void)config;
-    (void)params;
-    (void)argv;
+                 char** argv, int pid_lock_fd) {
     s_build_status_log(config);
     log_trace("Entering main loop");
     while (killed.load() == 0) {
@@ -322,6 +334,15 @@ void s_main_loop(quorvale_control_config_t* config, qv_control_update_thread_par
             s_log_handled_signal();
             log_info("Signal received. Exiting gracefully...");
             break;
+        }
+        if (params != nullptr && params->status.load() == FILES_READY) {
+            log_debug("Initiating Update Activation");
+            if (qvctrl_complete_update_activation(config->basedir.c_str(),
+                                                  params->update_deployed_to.c_str(), argv,
+                                                  fd_lockfile.get(), pid_lock_fd) != 0) {
+                log_error("Failed to complete update activation");
+                params->status = WAITING;
+            }
         }
         // A connection the library gave up is built anew here, so the daemon never idles deaf.
         qv_nats_check_connection(config->main_nats_config.get());
@@ -360,7 +381,7 @@ int s_run(int argc, char** argv) {
         snprintf(hostname, sizeof(hostname), "hostname_not_read");
     }
 
-    std::unique_ptr<qv_control_update_thread_params_t> update_params;
+    std::shared_ptr<qv_control_update_thread_params_t> update_params;
     if (s_allocate_config_structs_and_set_defaults(&s_config, &update_params) != 0) {
         return -1;
     }
@@ -373,7 +394,6 @@ int s_run(int argc, char** argv) {
     }
 
     qv_thread_t update_thread;
-    bool update_thread_started = false;
     qv::sem_ptr heartbeat_sem;
     std::unique_ptr<mappedRegionS> mapped_region;
 
@@ -528,14 +548,15 @@ int s_run(int argc, char** argv) {
     while (true) {
         if (startup_loop_enabled) {
             rc = 0;
-            if (s_start_threads(config, &update_thread) != 0) {
+            if (s_start_threads(config, &update_thread, &update_params) != 0) {
                 rc = -1;
             } else {
                 // The services run: the services tooling may discover them (a subscription that
                 // fails now is made again by the main loop's connection check).
                 qv_nats_config* nats = config->main_nats_config.get();
                 nats->_micro.start(qv_nats_connection(nats).get());
-                s_main_loop(config, update_params.get(), argv);
+                s_main_loop(config, update_params.get(), argv,
+                            config->run_as_daemon ? -1 : pidfile_fd);
                 if (pidfile_fd >= 0) {
                     close(pidfile_fd);
                     pidfile_fd = -1;
@@ -548,7 +569,11 @@ int s_run(int argc, char** argv) {
         s_sleep_seconds(config->shutdown_delay, false);
         config->endthreads.store(1);
         killed.store(1);
-        s_join_worker_threads(update_thread_started ? &update_thread : nullptr, 1, "update");
+        if (update_params) {
+            update_params->targetstatus = STOP;
+        }
+        s_join_worker_threads(update_thread.thread.joinable() ? &update_thread : nullptr, 1,
+                              "update");
         if (s_registry_watcher.thread.joinable()) {
             s_join_worker_threads(&s_registry_watcher, 1, "worker-registry watcher");
         }
@@ -580,6 +605,7 @@ int s_run(int argc, char** argv) {
     qv_nats_deinit(config->main_nats_config.get());
     update_params.reset();
     log_trace("removing the update lockfile");
+    lock_release(&update_lockfile);
     log_debug("Cleaning up SSL");
     nats_CloseAndWait(1000);
     OPENSSL_cleanup();

@@ -160,12 +160,33 @@ std::optional<HttpRequest> s_read_request(Stream& stream) {
     return request;
 }
 
-std::string s_response_text(int status, const std::string& content_type, const std::string& body) {
+std::string s_response_text(int status, const std::string& content_type, const std::string& body,
+                            const std::vector<std::pair<std::string, std::string>>& headers = {},
+                            bool chunked = false) {
     const char* reason = status == 200 ? "OK" : "Test Status";
-    return "HTTP/1.1 " + std::to_string(status) + " " + reason +
-           "\r\nContent-Type: " + content_type +
-           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
-           body;
+    std::string text = "HTTP/1.1 " + std::to_string(status) + " " + reason +
+                       "\r\nContent-Type: " + content_type + "\r\nConnection: close\r\n";
+    bool announced = false;
+    for (const auto& [name, value] : headers) {
+        text += name + ": " + value + "\r\n";
+        announced = announced || s_iequals(name, "Content-Length");
+    }
+    if (chunked) {
+        text += "Transfer-Encoding: chunked\r\n\r\n";
+        char size[32];
+        for (size_t at = 0; at < body.size(); at += 65536) {
+            const size_t n = std::min<size_t>(65536, body.size() - at);
+            snprintf(size, sizeof(size), "%zx\r\n", n);
+            text += size;
+            text.append(body, at, n);
+            text += "\r\n";
+        }
+        return text + "0\r\n\r\n";
+    }
+    if (!announced) {
+        text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    return text + "\r\n" + body;
 }
 
 int s_connect_tcp(const std::string& host, const std::string& port) {
@@ -450,12 +471,15 @@ void HttpTestServer::serve(int fd) {
         authorized = expected_authorization_.empty() ||
                      request->header("Authorization") == expected_authorization_;
     }
-    const Response response =
-        authorized ? next_response() : Response{Mode::answer, 401, "unauthorized", "text/plain"};
+    Response refused;
+    refused.status = 401;
+    refused.body = "unauthorized";
+    refused.content_type = "text/plain";
+    const Response response = authorized ? next_response() : refused;
     switch (response.mode) {
         case Mode::answer:
-            stream.write_all(
-                s_response_text(response.status, response.content_type, response.body));
+            stream.write_all(s_response_text(response.status, response.content_type, response.body,
+                                             response.headers, response.chunked));
             break;
         case Mode::no_answer: {
             char sink[4096];

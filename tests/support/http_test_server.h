@@ -1,6 +1,6 @@
 // Real HTTP peers on loopback for tests: a server (plain or TLS) that records every request and
-// answers with a chosen status and body, or never answers, or hangs up; and a forward proxy that
-// records what the client sent it and really forwards to the origin.
+// answers with a chosen status, headers and (binary) body, or never answers, or hangs up; and a
+// forward proxy that records what the client sent it and really forwards to the origin.
 #pragma once
 
 #include <deque>
@@ -77,6 +77,11 @@ class HttpTestServer : public detail::LoopbackService {
         int status = 200;
         std::string body = "{\"ReturnCode\": 0}";
         std::string content_type = "application/json";
+        // Further header lines, sent after the standard ones. A "Content-Length" among them
+        // replaces the computed one, so that a size other than the body's can be announced.
+        std::vector<std::pair<std::string, std::string>> headers{};
+        // The body in chunked transfer coding (any "Content-Length" of `headers` is sent too).
+        bool chunked = false;
     };
     struct Options {
         bool tls = false;  // HTTPS with the test certificate for localhost / 127.0.0.1
