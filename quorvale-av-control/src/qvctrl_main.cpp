@@ -39,6 +39,7 @@
 #include "qvctrl_flush_worker_caches.h"
 #include "qvctrl_scan_config_requests.h"
 #include "qvctrl_parse_commandline.h"
+#include "qvctrl_realms_poller_thread.h"
 #include "qvctrl_registry_poller.h"
 #include "qvctrl_update_thread.h"
 #include "qvhlp_network.h"
@@ -271,6 +272,15 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
     }
     if (s_start_update_thread(config, update_thread, update_params) != 0) {
         return -1;
+    }
+    if (config->cloud_management) {
+        log_info("Starting realms_poller thread");
+        if (s_start_poller(&s_realms_poller, config, [](poller_thread_params_t* params) {
+                qvctrl_realms_poller_thread(params);
+            }) != 0) {
+            log_error("Failed to create realms_poller thread");
+            return -1;
+        }
     }
     if (config->worker_registry_enabled) {
         log_info("Starting worker-registry watcher thread");

@@ -154,26 +154,27 @@ TEST_F(BrokerAuthWriter, RealmsTheBrokerCannotReadAreLeftOut) {
     write_file(path, kHead + kTail);
     const std::vector<qvctrl_realm_t> realms = {
         {"ok1", "p1"},
-        {"", "p"},                                     // 1: malformed
-        {"r2", ""},                                    // 2: malformed
-        {"r\"3", "p"},                                 // 3: would end the quoted user
-        {"r4", "a\\b"},                                // 4: an escape in the password
-        {"r5", "line\nbreak"},                         // 5
-        {"r6", "cr\r"},                                // 6
-        {"r7", std::string("n\0l", 3)},                // 7
-        {"r8", "x" + std::string(QVCTRL_END_MARKER)},  // 8: would end the region early
+        {"", "p"},                                           // 1: malformed
+        {"r2", ""},                                          // 2: malformed
+        {"r\"3", "p"},                                       // 3: would end the quoted user
+        {"r4", "a\\b"},                                      // 4: an escape in the password
+        {"r5", "line\nbreak"},                               // 5
+        {"r6", "cr\r"},                                      // 6
+        {"r7", std::string("n\0l", 3)},                      // 7
+        {"r8", std::string("x").append(QVCTRL_END_MARKER)},  // 8: would end the region early
         {"ok2", "p2 with blanks & $igns # ü"},
     };
     ASSERT_EQ(write(realms), 0) << log.text();
     EXPECT_EQ(read_file(path), kHead + kBegin + entry("ok1@b1", "p1") +
                                    entry("ok2@b1", "p2 with blanks & $igns # ü") + kEnd + kTail);
     for (size_t i : {1, 2}) {
-        EXPECT_TRUE(log.contains("write_broker_auth: skipping malformed realm at index " +
-                                 std::to_string(i)));
+        EXPECT_TRUE(
+            log.contains(std::string("write_broker_auth: skipping malformed realm at index ") +
+                         std::to_string(i)));
     }
     for (size_t i = 3; i <= 8; ++i) {
-        EXPECT_TRUE(log.contains("write_broker_auth: skipping realm at index " + std::to_string(i) +
-                                 ": its id or password cannot be written"))
+        EXPECT_TRUE(log.contains(std::string("write_broker_auth: skipping realm at index ") +
+                                 std::to_string(i) + ": its id or password cannot be written"))
             << i;
     }
 }
