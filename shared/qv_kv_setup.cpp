@@ -3,7 +3,8 @@
 #include "qv_nats_client.h"
 #include "qv_nats_kv.h"
 
-int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std::string* report) {
+int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std::string* report,
+                        int replicas) {
     std::shared_ptr<jsCtx> js = qv_nats_jetstream(cfg);
     if (!js) {
         if (report != nullptr) {
@@ -33,6 +34,7 @@ int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std:
             kvConfig_Init(&kc);
             kc.Bucket = b.name;
             kc.History = 1;
+            kc.Replicas = replicas;
             // The library passes the age on as the stream's MaxAge, in nanoseconds.
             kc.TTL = b.max_age_ms * 1000000;
             raw = nullptr;

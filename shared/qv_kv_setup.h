@@ -14,7 +14,8 @@ struct qv_kv_bucket_ages {
     int64_t config_ms = 0;                   // kept until replaced
 };
 
-// Creates each bucket that does not exist yet; existing buckets are left as they are. Appends one
-// line per bucket ("created <name>", "exists <name>" or the failure) to *report when given.
-// 0 when all four exist afterwards, -1 otherwise.
-int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std::string* report);
+// Creates each bucket that does not exist yet, kept on `replicas` servers of a cluster; existing
+// buckets are left as they are. Appends one line per bucket ("created <name>", "exists <name>" or
+// the failure) to *report when given. 0 when all four exist afterwards, -1 otherwise.
+int qv_kv_setup_buckets(qv_nats_config* cfg, const qv_kv_bucket_ages& ages, std::string* report,
+                        int replicas = 1);

@@ -9,6 +9,7 @@
 #include <random>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -49,6 +50,38 @@ void s_set_error(std::string* errormsg, const std::string& text) {
 
 bool s_tls_scheme(const std::string& url) {
     return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0;
+}
+
+// A connection URL may list several servers of one cluster, separated by commas; blanks around
+// each are dropped, and so are empty items.
+std::vector<std::string> s_server_urls(const std::string& list) {
+    std::vector<std::string> urls;
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == std::string::npos) {
+            end = list.size();
+        }
+        size_t first = list.find_first_not_of(" \t", start);
+        size_t last = list.find_last_not_of(" \t", end == 0 ? 0 : end - 1);
+        if (first != std::string::npos && first < end && last != std::string::npos &&
+            last >= first) {
+            urls.push_back(list.substr(first, last - first + 1));
+        }
+        start = end + 1;
+    }
+    return urls;
+}
+
+// TLS is used when any listed server is named with a TLS scheme: the library secures every
+// connection of the record alike, and a cluster is not half encrypted.
+bool s_tls_requested(const std::string& list) {
+    for (const std::string& url : s_server_urls(list)) {
+        if (s_tls_scheme(url)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 const char* s_status_name(natsConnStatus status) {
@@ -134,7 +167,7 @@ std::string s_expected_hostname(const std::string& url) {
 
 int s_configure_tls(natsOptions* opts, const qv_nats_config* config) {
     const std::string& url = config->server_url;
-    const bool tls = s_tls_scheme(url);
+    const bool tls = s_tls_requested(url);
     log_debug("server_url=%s (scheme implies TLS=%s)", url.c_str(), tls ? "yes" : "no");
     if (tls) {
         natsStatus s = natsOptions_SetSecure(opts, true);
@@ -153,7 +186,9 @@ int s_configure_tls(natsOptions* opts, const qv_nats_config* config) {
             "TLS handshake before the server greeting needs libnats 3.8; keeping the normal "
             "TLS handshake");
 #endif
-        std::string host = s_expected_hostname(url);
+        // With several servers the library checks each certificate against the host of the
+        // server it connects to; one expected name would fail every other node.
+        std::string host = s_server_urls(url).size() == 1 ? s_expected_hostname(url) : "";
         if (!host.empty()) {
             s = natsOptions_SetExpectedHostname(opts, host.c_str());
             if (s != NATS_OK) {
@@ -200,7 +235,24 @@ qv::nats_options_ptr s_build_options(const qv_nats_config* config, unsigned int*
     }
     *rand_state = static_cast<unsigned int>(reinterpret_cast<uintptr_t>(raw)) ^
                   static_cast<unsigned int>(time(nullptr)) ^ static_cast<unsigned int>(getpid());
-    natsOptions_SetURL(raw, config->server_url.c_str());
+    // Several servers: the library connects to any of them and fails over among exactly these;
+    // servers the cluster announces are ignored, so the operator decides where the daemon
+    // connects.
+    const std::vector<std::string> urls = s_server_urls(config->server_url);
+    if (urls.size() > 1) {
+        std::vector<const char*> servers;
+        for (const std::string& url : urls) {
+            servers.push_back(url.c_str());
+        }
+        s = natsOptions_SetServers(raw, servers.data(), static_cast<int>(servers.size()));
+    } else {
+        s = natsOptions_SetURL(raw, urls.empty() ? config->server_url.c_str() : urls[0].c_str());
+    }
+    if (s != NATS_OK) {
+        log_error("NATS: invalid server URL %s: %s", config->server_url.c_str(),
+                  natsStatus_GetText(s));
+        return nullptr;
+    }
     natsOptions_SetIgnoreDiscoveredServers(raw, true);
     if (!config->user.empty() && !config->password.empty()) {
         natsOptions_SetUserInfo(raw, config->user.c_str(), config->password.c_str());
@@ -308,7 +360,7 @@ int s_connect(qv_nats_config* config, std::shared_ptr<natsConnection>* conn_out,
     const bool tls_url = s_tls_scheme(connected);
     log_debug("Negotiated connected_url=%s (scheme implies TLS=%s)", connected.c_str(),
               tls_url ? "yes" : "no");
-    const bool tls_requested = s_tls_scheme(config->server_url);
+    const bool tls_requested = s_tls_requested(config->server_url);
     if (tls_requested && status == NATS_CONN_STATUS_CONNECTED && !tls_url) {
         log_error(
             "*** TLS requested via %s but negotiated url is %s — connection is NOT "

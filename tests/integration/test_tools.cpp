@@ -14,34 +14,8 @@ using qvtest::NatsServer;
 
 namespace {
 
-struct ToolResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) {
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return q + "'";
-}
-
-ToolResult run_tool(const std::string& tool, const std::vector<std::string>& args) {
-    qvtest::TempDir dir;
-    std::string cmd = std::string(QV_BIN_DIR) + "/" + tool;
-    for (const std::string& a : args) {
-        cmd += " " + quote(a);
-    }
-    cmd += " >" + dir / "out" + " 2>" + dir / "err" + " </dev/null";
-    ToolResult r;
-    const int raw = system(cmd.c_str());
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = qvtest::read_file(dir / "out");
-    r.err = qvtest::read_file(dir / "err");
-    return r;
-}
+using qvtest::run_tool;
+using qvtest::ToolResult;
 
 constexpr const char* kUser = "control@local";
 constexpr const char* kPassword = "pw";

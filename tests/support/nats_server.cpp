@@ -165,6 +165,61 @@ int NatsServer::create_buckets(const qv_kv_bucket_ages& ages, const std::string&
     return rc;
 }
 
+NatsCluster::NatsCluster() {
+    std::vector<int> route_ports;
+    for (int i = 0; i < kNodes; ++i) {
+        route_ports.push_back(free_port());
+    }
+    for (int i = 0; i < kNodes; ++i) {
+        std::string conf =
+            "server_name: node" + std::to_string(i) + "\ncluster {\n  name: qvtest\n" +
+            "  listen: 127.0.0.1:" + std::to_string(route_ports[i]) + "\n  routes: [\n";
+        for (int j = 0; j < kNodes; ++j) {
+            if (j != i) {
+                conf += "    nats-route://127.0.0.1:" + std::to_string(route_ports[j]) + "\n";
+            }
+        }
+        conf += "  ]\n}\n";
+        NatsServer::Options options;
+        options.extra_conf = conf;
+        nodes_.push_back(std::make_unique<NatsServer>(options));
+    }
+}
+
+bool NatsCluster::start() {
+    for (auto& node : nodes_) {
+        if (!node->start()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string NatsCluster::url(const std::vector<int>& nodes) const {
+    std::string list;
+    for (int i : nodes) {
+        list.append(list.empty() ? "" : ",").append(nodes_[static_cast<size_t>(i)]->url());
+    }
+    return list;
+}
+
+int NatsCluster::create_buckets(const qv_kv_bucket_ages& ages) {
+    auto cfg = qv_nats_config_new();
+    cfg->server_url = url();
+    if (qv_nats_init(cfg.get()) != 0) {
+        return -1;
+    }
+    int rc = -1;
+    wait_until(
+        [&] {
+            rc = qv_kv_setup_buckets(cfg.get(), ages, nullptr, kNodes);
+            return rc == 0;
+        },
+        std::chrono::seconds(60));
+    qv_nats_deinit(cfg.get());
+    return rc;
+}
+
 NatsClient::NatsClient(const NatsServer& server, const std::string& user,
                        const std::string& password)
     : config_(server.client_config()) {

@@ -65,6 +65,27 @@ class NatsServer {
     int pid_ = -1;
 };
 
+// Three JetStream servers routed into one cluster on loopback, each with its own port and store.
+// A node stopped by a test starts again on the same port and store.
+class NatsCluster {
+  public:
+    static constexpr int kNodes = 3;
+    NatsCluster();
+
+    // Starts every node and waits until the cluster can keep replicated buckets.
+    bool start();
+    NatsServer& node(int i) { return *nodes_[static_cast<size_t>(i)]; }
+    // The client URLs of the given nodes, comma-separated.
+    std::string url(const std::vector<int>& nodes) const;
+    std::string url() const { return url({0, 1, 2}); }
+    // Creates the daemon's buckets with three replicas, retrying while the cluster is still
+    // electing its JetStream leader. 0 or -1.
+    int create_buckets(const qv_kv_bucket_ages& ages = {});
+
+  private:
+    std::vector<std::unique_ptr<NatsServer>> nodes_;
+};
+
 // A connection of the test's own to a server, released with the object.
 class NatsClient {
   public:

@@ -22,6 +22,7 @@
 #include <sys/time.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace qvtest {
@@ -161,7 +162,7 @@ std::string read_zip(const std::string& zip, std::string* entry_name) {
 }
 
 std::string quoted(const std::string& text) {
-    return "\"" + qv_json_escape(text) + "\"";
+    return std::string("\"").append(qv_json_escape(text)).append("\"");
 }
 
 PingTally ping_while(const std::function<void()>& work, const std::function<int()>& ping) {
@@ -264,6 +265,31 @@ std::string base64(const std::string& plain) {
                       reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
                       sodium_base64_VARIANT_ORIGINAL);
     return encoded.data();
+}
+
+namespace {
+std::string s_shell_quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) {
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return q + "'";
+}
+}  // namespace
+
+ToolResult run_tool(const std::string& tool, const std::vector<std::string>& args) {
+    TempDir dir;
+    std::string cmd = std::string(QV_BIN_DIR) + "/" + tool;
+    for (const std::string& a : args) {
+        cmd.append(" ").append(s_shell_quoted(a));
+    }
+    cmd += " >" + dir / "out" + " 2>" + dir / "err" + " </dev/null";
+    ToolResult r;
+    const int raw = system(cmd.c_str());
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    r.out = read_file(dir / "out");
+    r.err = read_file(dir / "err");
+    return r;
 }
 
 }  // namespace qvtest

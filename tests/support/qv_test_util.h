@@ -85,6 +85,14 @@ class Recorder {
 // The text in standard base64 with padding, as the API gateway and the backend send configurations.
 std::string base64(const std::string& plain);
 
+// A program of this build (bin/<tool>) run to its end with `args`, standard input empty.
+struct ToolResult {
+    int status = -1;  // the exit status, -1 when it did not exit
+    std::string out;
+    std::string err;
+};
+ToolResult run_tool(const std::string& tool, const std::vector<std::string>& args);
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
 // True when a TCP connection to 127.0.0.1:port succeeds.
