@@ -45,6 +45,13 @@ cp -r "$repo/examples/basedir/config" "$root/var/lib/qv-av-control/"
 find "$root/var/lib/qv-av-control/config" -type d -exec chmod 0755 {} +
 find "$root/var/lib/qv-av-control/config" -type f -exec chmod 0644 {} +
 
+for page in "$repo"/packaging/man/*.[18]; do
+  section=${page##*.}
+  mkdir -p "$root/usr/share/man/man$section"
+  gzip -9n <"$page" >"$root/usr/share/man/man$section/$(basename "$page").gz"
+  chmod 0644 "$root/usr/share/man/man$section/$(basename "$page").gz"
+done
+
 doc="$root/usr/share/doc/qv-av-control"
 install -m 0644 "$repo/packaging/debian/copyright" "$doc/copyright"
 install -m 0644 "$repo/README.md" "$doc/README.md"
