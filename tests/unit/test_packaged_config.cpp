@@ -122,9 +122,10 @@ class PackagedConfig : public ::testing::Test {
         for (std::string& arg : args) {
             argv.push_back(arg.data());
         }
+        argv.push_back(nullptr);
         auto config = qvctrl_config_new();
         EXPECT_EQ(
-            qvctrl_parse_commandline(config.get(), static_cast<int>(argv.size()), argv.data()), 0);
+            qvctrl_parse_commandline(config.get(), static_cast<int>(args.size()), argv.data()), 0);
         return config;
     }
 
