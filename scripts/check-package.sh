@@ -50,6 +50,9 @@ for dir in var/lib/qv-av-control/run/ var/lib/qv-av-control/qv-av-control/ var/l
   expect drwxr-xr-x "$dir"
 done
 expect -rw-r--r-- usr/share/doc/qv-av-control/copyright
+expect -rw-r--r-- usr/share/man/man8/qv-av-control.8.gz
+expect -rw-r--r-- usr/share/man/man1/qv-av-request.1.gz
+expect -rw-r--r-- usr/share/man/man1/qv-av-kv-setup.1.gz
 
 dpkg-deb -x "$deb" "$work/root"
 dpkg-deb -e "$deb" "$work/DEBIAN"
