@@ -5,6 +5,8 @@
 #   scripts/dev.sh test   the whole test suite under AddressSanitizer + UBSan, then the threaded
 #                         tests under ThreadSanitizer, then every fuzz target for 30 s
 #   scripts/dev.sh build  the release build only (build/bin/qv-av-control)
+#   scripts/dev.sh package  the Debian package build/qv-av-control_<version>_<arch>.deb from the
+#                         release build, checked with the Debian tools (also part of `test`)
 #   scripts/dev.sh fuzz   only the fuzz targets (QV_FUZZ_SECONDS each, 30 by default)
 set -euo pipefail
 
@@ -30,6 +32,15 @@ cmd_build() {
   build "$repo/build"
 }
 
+# The release build of the packaged programs, the .deb made from it, and its check.
+package() {
+  echo "== Debian package from the release build"
+  QV_TARGETS="qv-av-control qv-av-request qv-av-kv-setup" build "$repo/build"
+  local deb
+  deb=$("$repo/scripts/build-package.sh" "$repo/build")
+  "$repo/scripts/check-package.sh" "$deb"
+}
+
 cmd_test() {
   deps
   export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
@@ -46,8 +57,9 @@ cmd_test() {
     ctest --test-dir "$repo/build-tsan" -j"$jobs" --output-on-failure --timeout 300 \
       -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|LogArchive|EventService|RegistryWithBroker|Registry|PollerLock|HostileRequests|HostileRegistryEntries|HostileSubscriptionEntries|DaemonMessaging|ScanConfigRequests|ScanConfigDaemon|JsonLogService|ConfigKv|Tenants|Apigw|CloudFill|ComponentConfigurationFlush|HostileConfigDaemon|HostileJsonLogDaemon|NatsMicro|NatsMicroDaemon|BackendConfigChanges|BrokerAuthDurability|RealmsPoller|UpdateThread|UpdateDaemon)\.' |
     tee "$repo/build-tsan/ctest.log"
+  package
   fuzz
-  # One closing line over the three stages (reached only when all of them passed).
+  # One closing line over the stages (reached only when all of them passed).
   local asan tsan fuzzed
   asan=$(sed -n 's/.*tests failed out of \([0-9]*\).*/\1/p' "$repo/build-asan/ctest.log")
   tsan=$(sed -n 's/.*tests failed out of \([0-9]*\).*/\1/p' "$repo/build-tsan/ctest.log")
@@ -110,6 +122,7 @@ CONF
   sed -e "s#@BASEDIR@#$run/basedir#g" -e "s#@NATS_URL@#tls://localhost:$port#g" \
       -e "s#@CA_FILE@#$run/certs/ca.pem#g" -e "s#@PASSWORD@#$password#g" \
       "$repo/examples/qv-av-control.ini.in" >"$run/qv-av-control.ini"
+  chmod 600 "$run/qv-av-control.ini"  # it holds the broker password
 
   echo "== starting nats-server on tls://localhost:$port (log: $run/nats.log)"
   setsid nats-server -c "$run/nats.conf" -l "$run/nats.log" &
@@ -158,6 +171,7 @@ case "${1:-}" in
   run) cmd_run ;;
   test) cmd_test ;;
   build) cmd_build ;;
+  package) deps; package ;;
   fuzz) deps; fuzz ;;
-  *) echo "usage: scripts/dev.sh run|test|build|fuzz" >&2; exit 2 ;;
+  *) echo "usage: scripts/dev.sh run|test|build|package|fuzz" >&2; exit 2 ;;
 esac

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that the build, the tests, the local run and the load chart need.
+# Installs the Debian 12 packages that the build, the tests, the package, the local run and the
+# load chart need.
 # Run as root; does nothing when everything is there already.
 set -euo pipefail
 
@@ -10,6 +11,7 @@ PACKAGES=(
   libjemalloc-dev googletest libgtest-dev libbenchmark-dev
   nats-server openssl python3 ca-certificates gnuplot-nox zip
   clang libclang-rt-14-dev
+  dpkg-dev lintian systemd
 )
 
 # The services framework's JavaScript client for the discovery test, at the exact versions of

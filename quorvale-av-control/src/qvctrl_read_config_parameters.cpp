@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include <sys/stat.h>
+
 #include "log-helper.h"
 #include "log.h"
 #include "qv_config.h"
@@ -525,6 +527,17 @@ int s_read_amqp_config(const char* section, const char* prefix, const ini_t* ini
     return 0;
 }
 
+// The file holds the broker password: whoever may read it may act as this daemon on the bus.
+void s_warn_if_readable_by_others(const char* config_file) {
+    struct stat st {};
+    if (stat(config_file, &st) == 0 && (st.st_mode & S_IROTH) != 0) {
+        log_warn(
+            "Configuration file %s can be read by other users (mode %04o), although it "
+            "holds the broker password",
+            config_file, static_cast<unsigned>(st.st_mode & 07777));
+    }
+}
+
 }  // namespace
 
 int qvctrl_ReadConfigParameters(const char* config_file, quorvale_control_config_t* config,
@@ -542,6 +555,8 @@ int qvctrl_ReadConfigParameters(const char* config_file, quorvale_control_config
                       config_file != nullptr ? config_file : "(null)", strerror(errno));
         } else {
             rc = s_read_config_parameters(ini.get(), config);
+            // After the reading, so that the warning also reaches the trace file it names.
+            s_warn_if_readable_by_others(config_file);
         }
     } catch (const std::exception& e) {
         log_error("Failed to read configuration from %s: %s",

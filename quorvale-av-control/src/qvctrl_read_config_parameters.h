@@ -10,6 +10,7 @@
 #include "qvctrl_config.h"
 
 // Loads `config_file` and fills `config` key by key. The trace settings take effect at once.
+// A file that other users can read is reported with a warning (it holds the broker password).
 // Returns 0, or -1 at the first failure (the keys read until then stay set). `stub` is only
 // logged.
 int qvctrl_ReadConfigParameters(const char* config_file, quorvale_control_config_t* config,

@@ -1,0 +1,207 @@
+// The configuration file and the systemd unit of the Debian package, read the way the installed
+// service reads them: the unit's command line through the daemon's own parser, which loads the
+// packaged file. The installed paths are moved below a temporary root.
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <semaphore.h>
+#include <sys/stat.h>
+
+#include "log_capture.h"
+#include "qv_test_util.h"
+#include "qvctrl_config.h"
+#include "qvctrl_parse_commandline.h"
+#include "qvctrl_read_config_parameters.h"
+#include "qvhlp_path.h"
+
+namespace {
+
+// Everything a configuration file decides, one "field=value" line each: two records compare as
+// text, and a difference shows by field name.
+std::string s_settings(const quorvale_control_config_t& c) {
+    std::ostringstream out;
+#define QV_FIELD(expr) out << #expr << '=' << (expr) << '\n'
+    QV_FIELD(c.tracelevel);
+    QV_FIELD(c.tracefile);
+    QV_FIELD(c.tracefile_max_size);
+    QV_FIELD(c.trace_to_screen);
+    QV_FIELD(c.cloud_mode);
+    QV_FIELD(c.cloud_management);
+    QV_FIELD(c.config_poll_interval);
+    if (const qv_nats_config* n = c.main_nats_config.get()) {
+        QV_FIELD(n->server_url);
+        QV_FIELD(n->user);
+        QV_FIELD(n->password);
+        QV_FIELD(n->broker_name);
+        QV_FIELD(n->cert_path);
+        QV_FIELD(n->max_staged_payload);
+    }
+    QV_FIELD(c.apigw_url);
+    QV_FIELD(c.apigw_user);
+    QV_FIELD(c.apigw_password);
+    QV_FIELD(static_cast<bool>(c.backend_amqp_config));
+    QV_FIELD(c.log->external_logger);
+    QV_FIELD(c.external_epolog_service);
+    QV_FIELD(c.log->basedir_blocklog);
+    QV_FIELD(c.log->basedir_statuslog);
+    QV_FIELD(c.log->basedir_updatelog);
+    QV_FIELD(c.log->basedir_errorlog);
+    QV_FIELD(c.log->basedir_epolog);
+    QV_FIELD(c.log->basedir_scanlog);
+    QV_FIELD(c.log->max_logfile_size_MB);
+    QV_FIELD(c.log->log_as_json);
+    QV_FIELD(c.log->split_logs_by_realm);
+    QV_FIELD(c.log->cluster_name);
+    QV_FIELD(c.shutdown_delay);
+    QV_FIELD(c.worker_timeout);
+    QV_FIELD(c.worker_registry_ttl_ms);
+    QV_FIELD(c.worker_registry_enabled);
+    QV_FIELD(c.worker_registry_sync_interval_ms);
+    QV_FIELD(c.event_subscription_kv_enabled);
+    QV_FIELD(c.event_subscription_ttl_ms);
+    QV_FIELD(c.event_subscription_sync_interval_ms);
+    QV_FIELD(c.number_of_client_side_worker_threads);
+    QV_FIELD(c.number_of_service_side_worker_threads);
+    QV_FIELD(c.number_of_logger_threads);
+    QV_FIELD(c.number_of_event_dispatcher_threads);
+    QV_FIELD(c.number_of_epolog_threads);
+    QV_FIELD(c.run_as_daemon);
+    QV_FIELD(c.update_config->update_server);
+    QV_FIELD(c.update_config->update_engine);
+    QV_FIELD(c.update_config->update_data);
+    QV_FIELD(c.update_config->update_binary);
+    QV_FIELD(c.update_config->update_check_interval);
+    QV_FIELD(c.update_config->update_max_backups);
+    QV_FIELD(c.network_config->http_proxy);
+    QV_FIELD(c.temppath);
+    QV_FIELD(c.broker_auth_file);
+    QV_FIELD(c.broker_pid_file);
+    for (const qv_installed_service_t& service : c.controlled_services) {
+        QV_FIELD(service.servicename);
+    }
+#undef QV_FIELD
+    return out.str();
+}
+
+class PackagedConfig : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        sem_unlink(("qv_log_" + std::string(qvhlp_FlattenPath(tracefile().c_str()))).c_str());
+    }
+
+    // A file of the package with its installed paths below the temporary root.
+    std::string installed(const std::string& name) const {
+        std::string text = qvtest::read_file(std::string(QV_SOURCE_DIR) + "/packaging/" + name);
+        static const std::regex installed_path("(/etc|/var/lib|/var/log)/qv-av-control");
+        return std::regex_replace(text, installed_path, root_.path() + "$&");
+    }
+    std::string ini_path() const { return root_.path() + "/etc/qv-av-control/qv-av-control.ini"; }
+    std::string tracefile() const {
+        return root_.path() + "/var/log/qv-av-control/qv-av-control.trc";
+    }
+
+    // Writes `text` as the configuration file with `mode` and runs the daemon's command line of
+    // the unit over it; the record it filled.
+    std::unique_ptr<quorvale_control_config_t> start(const std::string& text, mode_t mode) {
+        qvtest::make_dirs(root_.path() + "/etc/qv-av-control");
+        qvtest::make_dirs(root_.path() + "/var/log/qv-av-control");
+        qvtest::write_file(ini_path(), text);
+        chmod(ini_path().c_str(), mode);
+        std::smatch exec;
+        const std::string unit = installed("qv-av-control.service");
+        EXPECT_TRUE(std::regex_search(unit, exec, std::regex("\nExecStart=([^\n]*)")));
+        std::istringstream words(exec[1].str());
+        std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
+        std::vector<char*> argv;
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        auto config = qvctrl_config_new();
+        EXPECT_EQ(
+            qvctrl_parse_commandline(config.get(), static_cast<int>(args.size()), argv.data()), 0);
+        return config;
+    }
+
+    qvtest::TempDir root_;
+    qvtest::LogCapture log_;
+};
+
+}  // namespace
+
+// Every ";KEY=VALUE" line of the packaged file documents the value the daemon takes when the
+// key is absent: spelling all of them out must change nothing.
+TEST_F(PackagedConfig, DocumentedDefaultsAreTheDaemonsOwn) {
+    const std::string packaged = installed("qv-av-control.ini");
+    const std::regex setting("^(;?)([A-Za-z][A-Za-z0-9_-]*)=(.*)$");
+    std::map<std::string, int> seen;
+    std::istringstream lines(packaged);
+    std::string spelled_out;
+    int documented = 0;
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (std::regex_match(line, m, setting)) {
+            // One line per key: a later duplicate would be ignored and document nothing.
+            EXPECT_EQ(++seen[m[2].str()], 1) << m[2] << " is listed twice";
+            if (m[1].length() == 1) {
+                line.erase(0, 1);
+                ++documented;
+            }
+        }
+        spelled_out += line + '\n';
+    }
+    EXPECT_GE(documented, 40);
+
+    const auto as_shipped = start(packaged, 0640);
+    const auto with_defaults = start(spelled_out, 0640);
+    EXPECT_EQ(s_settings(*with_defaults), s_settings(*as_shipped));
+}
+
+// What the service gets from its unit and the shipped file: the installed paths, no self-update,
+// every service pool able to start, time to shut down cleanly; and a warning once the file that
+// holds the password becomes readable by everyone.
+TEST_F(PackagedConfig, ServiceStartsWithThePackagedFile) {
+    const auto config = start(installed("qv-av-control.ini"), 0640);
+    const quorvale_control_config_t& c = *config;
+    EXPECT_TRUE(c.console_mode);
+    EXPECT_EQ(c.basedir, root_.path() + "/var/lib/qv-av-control");
+    EXPECT_EQ(c.config_file, ini_path());
+    EXPECT_EQ(c.tracefile, tracefile());
+    for (const std::string* dir :
+         {&c.log->basedir_scanlog, &c.log->basedir_blocklog, &c.log->basedir_statuslog,
+          &c.log->basedir_updatelog, &c.log->basedir_errorlog, &c.log->basedir_epolog}) {
+        EXPECT_EQ(*dir, root_.path() + "/var/log/qv-av-control");
+    }
+    EXPECT_FALSE(c.update_config->update_binary);
+    ASSERT_TRUE(c.main_nats_config);
+    EXPECT_EQ(c.main_nats_config->cert_path, root_.path() + "/etc/qv-av-control/ca.pem");
+    EXPECT_FALSE(c.controlled_services.empty());
+    for (int32_t pool : {c.number_of_client_side_worker_threads,
+                         c.number_of_service_side_worker_threads, c.number_of_logger_threads,
+                         c.number_of_event_dispatcher_threads, c.number_of_epolog_threads}) {
+        EXPECT_GE(pool, 1);
+    }
+
+    // Noticing SIGTERM (2 s), the shutdown delay and joining the update thread (1 s) must fit
+    // into the unit's stop timeout.
+    std::smatch timeout;
+    const std::string unit = installed("qv-av-control.service");
+    ASSERT_TRUE(std::regex_search(unit, timeout, std::regex("\nTimeoutStopSec=([0-9]+)\n")));
+    EXPECT_GT(std::stoi(timeout[1]), c.shutdown_delay + 3);
+
+    const std::string warning = "can be read by other users";
+    EXPECT_TRUE(!qvtest::file_exists(tracefile()) ||
+                qvtest::read_file(tracefile()).find(warning) == std::string::npos);
+    start(installed("qv-av-control.ini"), 0644);
+    // The warning reaches the trace file the configuration names, with the file and its mode.
+    const std::string trace = qvtest::read_file(tracefile());
+    EXPECT_NE(trace.find("Configuration file " + ini_path() + " " + warning + " (mode 0644)"),
+              std::string::npos)
+        << trace;
+}
