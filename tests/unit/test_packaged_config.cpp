@@ -5,7 +5,6 @@
 
 #include <iterator>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -98,8 +97,24 @@ class PackagedConfig : public ::testing::Test {
     // A file of the package with its installed paths below the temporary root.
     std::string installed(const std::string& name) const {
         std::string text = qvtest::read_file(std::string(QV_SOURCE_DIR) + "/packaging/" + name);
-        static const std::regex installed_path("(/etc|/var/lib|/var/log)/qv-av-control");
-        return std::regex_replace(text, installed_path, root_.path() + "$&");
+        for (const std::string dir :
+             {"/etc/qv-av-control", "/var/lib/qv-av-control", "/var/log/qv-av-control"}) {
+            for (size_t at = text.find(dir); at != std::string::npos;
+                 at = text.find(dir, at + root_.path().size() + dir.size())) {
+                text.insert(at, root_.path());
+            }
+        }
+        return text;
+    }
+    // The value of a unit setting ("" when the unit has none).
+    static std::string unit_value(const std::string& unit, const std::string& key) {
+        const std::string start = "\n" + key + "=";
+        const size_t at = unit.find(start);
+        if (at == std::string::npos) {
+            return "";
+        }
+        const size_t from = at + start.size();
+        return unit.substr(from, unit.find('\n', from) - from);
     }
     std::string ini_path() const { return root_.path() + "/etc/qv-av-control/qv-av-control.ini"; }
     std::string tracefile() const {
@@ -113,10 +128,9 @@ class PackagedConfig : public ::testing::Test {
         qvtest::make_dirs(root_.path() + "/var/log/qv-av-control");
         qvtest::write_file(ini_path(), text);
         chmod(ini_path().c_str(), mode);
-        std::smatch exec;
-        const std::string unit = installed("qv-av-control.service");
-        EXPECT_TRUE(std::regex_search(unit, exec, std::regex("\nExecStart=([^\n]*)")));
-        std::istringstream words(exec[1].str());
+        const std::string exec = unit_value(installed("qv-av-control.service"), "ExecStart");
+        EXPECT_FALSE(exec.empty());
+        std::istringstream words(exec);
         std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
         std::vector<char*> argv;
         for (std::string& arg : args) {
@@ -139,17 +153,27 @@ class PackagedConfig : public ::testing::Test {
 // key is absent: spelling all of them out must change nothing.
 TEST_F(PackagedConfig, DocumentedDefaultsAreTheDaemonsOwn) {
     const std::string packaged = installed("qv-av-control.ini");
-    const std::regex setting("^(;?)([A-Za-z][A-Za-z0-9_-]*)=(.*)$");
     std::map<std::string, int> seen;
     std::istringstream lines(packaged);
     std::string spelled_out;
     int documented = 0;
     for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        if (std::regex_match(line, m, setting)) {
+        // A setting: an optional ';', a key of letters, digits, '_' and '-' starting with a
+        // letter, '=' and the value.
+        const bool commented = !line.empty() && line[0] == ';';
+        const size_t key_start = commented ? 1 : 0;
+        const size_t eq = line.find('=');
+        const std::string key =
+            eq == std::string::npos ? "" : line.substr(key_start, eq - key_start);
+        const bool is_setting =
+            !key.empty() && isalpha(static_cast<unsigned char>(key[0])) &&
+            key.find_first_not_of(
+                "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-") ==
+                std::string::npos;
+        if (is_setting) {
             // One line per key: a later duplicate would be ignored and document nothing.
-            EXPECT_EQ(++seen[m[2].str()], 1) << m[2] << " is listed twice";
-            if (m[1].length() == 1) {
+            EXPECT_EQ(++seen[key], 1) << key << " is listed twice";
+            if (commented) {
                 line.erase(0, 1);
                 ++documented;
             }
@@ -190,10 +214,10 @@ TEST_F(PackagedConfig, ServiceStartsWithThePackagedFile) {
 
     // Noticing SIGTERM (2 s), the shutdown delay and joining the update thread (1 s) must fit
     // into the unit's stop timeout.
-    std::smatch timeout;
-    const std::string unit = installed("qv-av-control.service");
-    ASSERT_TRUE(std::regex_search(unit, timeout, std::regex("\nTimeoutStopSec=([0-9]+)\n")));
-    EXPECT_GT(std::stoi(timeout[1]), c.shutdown_delay + 3);
+    const std::string timeout = unit_value(installed("qv-av-control.service"), "TimeoutStopSec");
+    ASSERT_FALSE(timeout.empty());
+    ASSERT_EQ(timeout.find_first_not_of("0123456789"), std::string::npos) << timeout;
+    EXPECT_GT(std::stoi(timeout), c.shutdown_delay + 3);
 
     const std::string warning = "can be read by other users";
     EXPECT_TRUE(!qvtest::file_exists(tracefile()) ||
