@@ -225,10 +225,13 @@ void s_handler_loop(std::shared_ptr<qpid_sender> sender, std::shared_ptr<qpid_re
                     std::string service, qv_service_handler_t request_handler,
                     void* request_handler_config, const std::atomic<int>* terminate) {
     log_info("Starting handler thread for service '%s'", service.c_str());
-    try {
-        log_debug("Receiver '%s' credit: %d", receiver->address().c_str(), receiver->get_credit());
-    } catch (const std::exception& e) {
-        log_debug("Receiver '%s' credit: %s", receiver->address().c_str(), e.what());
+    if (log_get_level() >= QVLOG_DEBUG) {
+        try {
+            log_debug("Receiver '%s' credit: %d", receiver->address().c_str(),
+                      receiver->get_credit());
+        } catch (const std::exception& e) {
+            log_debug("Receiver '%s' credit: %s", receiver->address().c_str(), e.what());
+        }
     }
     const auto stop = [terminate] { return terminate != nullptr && terminate->load() != 0; };
     while (!stop()) {
@@ -385,6 +388,7 @@ bool qpid_sender::send(const proton::message& message) {
 
 void qpid_sender::close() {
     log_info("Closing sender");
+    closing_ = true;
     open_ = false;
     std::lock_guard<std::mutex> lock(mutex_);
     if (work_queue_ != nullptr) {
@@ -460,7 +464,12 @@ void qpid_sender::on_transport_error(proton::transport& transport) {
 }
 
 void qpid_sender::on_error(const proton::error_condition& error) {
-    log_error("unexpected error: %s", error.what().c_str());
+    // The connection we close ourselves is cut short when the container stops: no fault.
+    if (closing_) {
+        log_debug("unexpected error: %s", error.what().c_str());
+    } else {
+        log_error("unexpected error: %s", error.what().c_str());
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -809,11 +818,12 @@ void qv_qpid_deinit(qv_nats_config* connection_config) {
                 receivers.push_back(receiver);
             }
         }
+        // The sender first: its connection is the one every receiver's link is on.
+        state->sender->close();
         for (auto& receiver : receivers) {
             receiver->close();
             receiver->detach();
         }
-        state->sender->close();
         state->sender->detach();
         s_stop_container(*state);
         std::vector<tracked_thread> threads;
@@ -894,11 +904,14 @@ int qv_qpid_send_receive_mt(qv_nats_config* connection_config, const char* servi
         if (!receiver) {
             throw std::runtime_error("AMQP client not initialized");
         }
-        try {
-            log_trace("Receiver '%s' credit: %d", receiver->address().c_str(),
-                      receiver->get_credit());
-        } catch (const std::exception& e) {
-            log_trace("Receiver '%s' credit: %s", receiver->address().c_str(), e.what());
+        // Asking for the credit is a round trip through the container thread: only when traced.
+        if (log_get_level() >= QVLOG_TRACE) {
+            try {
+                log_trace("Receiver '%s' credit: %d", receiver->address().c_str(),
+                          receiver->get_credit());
+            } catch (const std::exception& e) {
+                log_trace("Receiver '%s' credit: %s", receiver->address().c_str(), e.what());
+            }
         }
         proton::message request;
         const proton::uuid id = s_random_uuid();

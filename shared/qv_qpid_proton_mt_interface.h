@@ -76,6 +76,7 @@ class qpid_sender : public proton::messaging_handler {
   private:
     connection_open_fn on_open_;
     std::atomic<bool> open_{false};
+    std::atomic<bool> closing_{false};
     mutable std::mutex mutex_;
     proton::work_queue* work_queue_ = nullptr;  // guarded by mutex_
     bool detached_ = false;                     // guarded by mutex_

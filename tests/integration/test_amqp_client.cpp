@@ -284,6 +284,20 @@ TEST_F(AmqpSecurity, WrongPasswordFailsWithoutHangingAndTlsWithTheTestCaWorks) {
         Result r = s_request(&config_, "svc.tls", "{\"Command\": 3}");
         ASSERT_EQ(0, r.rc) << r.error;
         EXPECT_EQ("{\"ReturnCode\": 0, \"Echo\": {\"Command\": 3}}", r.json);
+
+        // A broker whose certificate does not come from the configured CA is not trusted.
+        qvtest::TempDir dir;
+        ASSERT_EQ(0, system(("openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + dir / "k.pem" +
+                             "' -out '" + dir / "ca.pem" +
+                             "' -days 1 -subj '/CN=other CA' >/dev/null 2>&1")
+                                .c_str()));
+        qv_nats_config stranger;
+        broker_->configure(&stranger);
+        stranger.cert_path = dir / "ca.pem";
+        ASSERT_EQ(0, qv_qpid_init(&stranger));
+        Result refused = s_request(&stranger, "svc.tls", "{\"Command\": 3}", "", 500);
+        EXPECT_EQ("Runtime error on request to 'svc.tls': Sender is not open", refused.error);
+        qv_qpid_deinit(&stranger);
     }
 }
 

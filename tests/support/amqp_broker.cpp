@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -475,6 +476,8 @@ void AmqpBroker::run() {
                 if (fd < 0) {
                     break;
                 }
+                const int one = 1;
+                setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
                 auto c = std::make_unique<impl::conn>();
                 c->fd = fd;
                 c->driver.accept(options);
