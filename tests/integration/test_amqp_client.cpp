@@ -180,6 +180,35 @@ TEST_F(AmqpClient, RepliesInReverseOrderAndLateRepliesAreSortedOut) {
     EXPECT_EQ(0u, replies->buffered());
 }
 
+// Kept: a reply that sat in the buffer for more than 5 s is dropped when it reaches the front,
+// even when it belongs to the request that is asking.
+TEST_F(AmqpClient, ReplyStuckBehindAStrayForMoreThanFiveSecondsIsDropped) {
+    LogCapture log;
+    const std::string service = "svc.stuck";
+    broker_->hold(service);
+    auto replies = qv_qpid_get_receiver(&config_, qv_qpid_replies_address().c_str());
+    ASSERT_NE(nullptr, replies);
+    proton::message stray_request;
+    stray_request.id(proton::message_id(std::string("stray")));
+    stray_request.reply_to(qv_qpid_replies_address());
+    broker_->reply(stray_request, "{\"ReturnCode\": 9}");
+    ASSERT_TRUE(wait_until([&] { return replies->buffered() == 1; }));
+
+    Result stuck;
+    std::thread asker([&] { stuck = s_request(&config_, service, "{\"Q\": 5}", "", 7000); });
+    auto held = broker_->wait_held(service, 1);
+    ASSERT_EQ(1u, held.size());
+    broker_->reply(held[0], "{\"ReturnCode\": 5}");
+    ASSERT_TRUE(wait_until([&] { return replies->buffered() == 2; }));
+    asker.join();
+    EXPECT_NE(0, stuck.rc);
+    EXPECT_EQ("Runtime error on request to 'svc.stuck': Timeout", stuck.error);
+    EXPECT_TRUE(log.contains("Removing expired reply with correlation_id 'stray' and timestamp"));
+    EXPECT_TRUE(log.contains("Removing expired reply with correlation_id '" +
+                             qv_qpid_id_text(held[0].id()) + "' and timestamp"));
+    EXPECT_EQ(0u, replies->buffered());
+}
+
 TEST_F(AmqpClient, BadBodiesFloodsAndOneWayRequestsLeaveTheServiceServing) {
     LogCapture log;
     qvtest::Recorder recorder;
