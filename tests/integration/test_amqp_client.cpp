@@ -282,6 +282,20 @@ TEST_F(AmqpClient, ServiceAndRequestsComeBackAfterTheBrokerRestarts) {
     EXPECT_EQ("{\"ReturnCode\": 0, \"Echo\": {\"After\": 1}}", again.json);
     EXPECT_TRUE(log.contains("Sender reconnected"));
     EXPECT_GE(broker_->connections(), 2);
+
+    // A client started while the broker is away connects once it is there.
+    qv_qpid_deinit(&config_);
+    broker_->stop();
+    ASSERT_EQ(0, qv_qpid_init(&config_));
+    ASSERT_EQ(0, serve("svc.late", echo_handler));
+    ASSERT_TRUE(broker_->start());
+    ASSERT_TRUE(wait_until(
+        [&] {
+            again = s_request(&config_, "svc.late", "{\"Late\": 1}", "", 1000);
+            return again.rc == 0;
+        },
+        90s))
+        << again.error;
 }
 
 class AmqpSecurity : public AmqpClient {
