@@ -587,8 +587,10 @@ bool qpid_receiver::match_reply(const std::string& id, bool* dropped) {
         // front that old means the buffer is stuck behind replies nobody takes; dropping it
         // unconditionally keeps the rule simple and bounds how long anything blocks the queue.
         if (steady::now() - front.when > reply_max_age) {
+            // Arrival in milliseconds since the epoch, so that it can be matched with the log.
+            const auto arrived = std::chrono::system_clock::now() - (steady::now() - front.when);
             const long stamp = static_cast<long>(
-                std::chrono::duration_cast<std::chrono::milliseconds>(front.when.time_since_epoch())
+                std::chrono::duration_cast<std::chrono::milliseconds>(arrived.time_since_epoch())
                     .count());
             log_debug("Removing expired reply with correlation_id '%s' and timestamp '%ld'",
                       front_id.c_str(), stamp);
