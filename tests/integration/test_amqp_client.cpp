@@ -251,6 +251,15 @@ TEST_F(AmqpClient, BadBodiesFloodsAndOneWayRequestsLeaveTheServiceServing) {
     ASSERT_NE(nullptr, receiver);
     EXPECT_LE(receiver->buffered(), static_cast<size_t>(qpid_receiver::max_outstanding));
 
+    // A topic reaches only the receivers attached when it is published.
+    qvtest::Recorder listener;
+    broker_->publish("topic://qv-test", "{\"Early\": 1}");
+    ASSERT_EQ(0, serve("topic://qv-test", qvtest::Recorder::handle, &listener, 1));
+    ASSERT_TRUE(wait_until([&] { return broker_->receivers("topic://qv-test") == 1; }));
+    broker_->publish("topic://qv-test", "{\"Late\": 1}");
+    ASSERT_TRUE(wait_until([&] { return listener.count() == 1; }));
+    EXPECT_EQ(std::vector<std::string>{"{\"Late\": 1}"}, listener.received());
+
     // Still serving; the one-way and garbage messages produced no replies: the broker routed
     // exactly the injected messages plus this request and its reply.
     const long before = broker_->routed();
