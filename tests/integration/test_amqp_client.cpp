@@ -194,8 +194,10 @@ TEST_F(AmqpClient, ReplyStuckBehindAStrayForMoreThanFiveSecondsIsDropped) {
     broker_->reply(stray_request, "{\"ReturnCode\": 9}");
     ASSERT_TRUE(wait_until([&] { return replies->buffered() == 1; }));
 
+    // The stray is still young when the asker's reply lands behind it, so the asker sleeps on;
+    // at its deadline (9 s) both have waited more than 5 s and both go.
     Result stuck;
-    std::thread asker([&] { stuck = s_request(&config_, service, "{\"Q\": 5}", "", 7000); });
+    std::thread asker([&] { stuck = s_request(&config_, service, "{\"Q\": 5}", "", 9000); });
     auto held = broker_->wait_held(service, 1);
     ASSERT_EQ(1u, held.size());
     broker_->reply(held[0], "{\"ReturnCode\": 5}");

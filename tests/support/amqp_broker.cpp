@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <future>
 
 #include <proton/connection.hpp>
 #include <proton/connection_options.hpp>
@@ -72,11 +73,6 @@ struct AmqpBroker::impl : proton::messaging_handler {
         return ok;
     }
 
-    void count_receivers(const std::string& address, int delta) {
-        std::lock_guard<std::mutex> lock(owner.mutex_);
-        owner.receiver_count_[address] += delta;
-    }
-
     void route(const proton::message& message, const std::string& address) {
         ++owner.routed_;
         {
@@ -131,7 +127,6 @@ struct AmqpBroker::impl : proton::messaging_handler {
             for (auto it = links.begin(); it != links.end();) {
                 if (*it == sender) {
                     it = links.erase(it);
-                    count_receivers(address, -1);
                 } else {
                     ++it;
                 }
@@ -144,7 +139,6 @@ struct AmqpBroker::impl : proton::messaging_handler {
             for (auto it = links.begin(); it != links.end();) {
                 if (it->connection() == connection) {
                     it = links.erase(it);
-                    count_receivers(address, -1);
                 } else {
                     ++it;
                 }
@@ -158,7 +152,6 @@ struct AmqpBroker::impl : proton::messaging_handler {
             sender.open(proton::sender_options().source(proton::source_options().address(address)));
         }
         consumers[address].push_back(sender);
-        count_receivers(address, +1);
         flush(address);
     }
 
@@ -340,7 +333,6 @@ void AmqpBroker::stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         inbox_.clear();
-        receiver_count_.clear();
     }
     running_ = false;
 }
@@ -395,10 +387,22 @@ void AmqpBroker::reply(const proton::message& request, const std::string& json) 
     post([this, message, address] { impl_->route(message, address); });
 }
 
-int AmqpBroker::receivers(const std::string& address) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto found = receiver_count_.find(address);
-    return found == receiver_count_.end() ? 0 : found->second;
+int AmqpBroker::receivers(const std::string& address) {
+    if (!running_) {
+        return 0;
+    }
+    auto answer = std::make_shared<std::promise<int>>();
+    std::future<int> count = answer->get_future();
+    post([this, answer, address] {
+        int n = 0;
+        for (auto& s : impl_->consumers[address]) {
+            if (s.active() && s.credit() > 0) {
+                ++n;
+            }
+        }
+        answer->set_value(n);
+    });
+    return count.wait_for(std::chrono::seconds(10)) == std::future_status::ready ? count.get() : 0;
 }
 
 void AmqpBroker::run() {

@@ -80,8 +80,8 @@ class AmqpBroker {
     long routed() const { return routed_; }
     long connections() const { return connections_; }
     long refused_logins() const { return refused_; }
-    // Receiver links currently attached to `address` (thread-safe snapshot).
-    int receivers(const std::string& address) const;
+    // Receiver links attached to `address` that have credit, asked of the broker thread.
+    int receivers(const std::string& address);
 
     struct impl;
 
@@ -104,7 +104,6 @@ class AmqpBroker {
     std::condition_variable cv_;
     std::vector<std::function<void()>> inbox_;
     std::map<std::string, std::vector<proton::message>> held_;
-    std::map<std::string, int> receiver_count_;
 };
 
 // A body made of the JSON text and, when given, the data, as the client sends it.
