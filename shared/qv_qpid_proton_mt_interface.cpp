@@ -174,6 +174,23 @@ void s_container_thread(const std::shared_ptr<qpid_state>& state) {
 // Stops the container and joins its thread (bounded).
 void s_stop_container(qpid_state& state) {
     state.stopping = true;
+    // A connection left open would be reconnected by the library, also while the container stops,
+    // and one caught between two attempts then outlives the container. Closed here first, on the
+    // container thread, it is given up for good.
+    if (state.sender) {
+        auto closed = std::make_shared<std::promise<void>>();
+        std::future<void> done = closed->get_future();
+        {
+            std::lock_guard<std::mutex> lock(state.container_mutex);
+            if (state.container && !state.container_gone) {
+                state.container->schedule(proton::duration(0), [sender = state.sender, closed] {
+                    sender->close_connection();
+                    closed->set_value();
+                });
+            }
+        }
+        done.wait_for(std::chrono::seconds(2));
+    }
     {
         std::lock_guard<std::mutex> lock(state.container_mutex);
         if (state.container) {
@@ -460,7 +477,21 @@ void qpid_sender::on_sender_close(proton::sender&) {
 
 void qpid_sender::on_transport_error(proton::transport& transport) {
     open_ = false;
+    // A connection that never opened is only seen here: keep it, so that it can be closed.
+    if (!connection_) {
+        connection_ = transport.connection();
+    }
     on_error(transport.error());
+}
+
+void qpid_sender::close_connection() {
+    try {
+        if (connection_ && connection_.active()) {
+            connection_.close();
+        }
+    } catch (const std::exception& e) {
+        log_debug("unexpected error: %s", e.what());
+    }
 }
 
 void qpid_sender::on_error(const proton::error_condition& error) {

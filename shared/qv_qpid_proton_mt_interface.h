@@ -57,6 +57,8 @@ class qpid_sender : public proton::messaging_handler {
     bool send(const proton::message& message);
     // Closes the link and the connection.
     void close();
+    // Closes the connection, also one that never opened (container thread only).
+    void close_connection();
     bool is_open() const { return open_.load(); }
     // The link itself: for the container thread only.
     proton::sender get_sender() const { return sender_; }
