@@ -11,6 +11,8 @@
 // carries its id as correlation id. Waiters only ever take the front, so replies for different
 // requests are handed out in arrival order; replies nobody waits for any more (their request
 // timed out, or they sat at the front longer than 5 s) are dropped when they reach the front.
+// The replies address belongs to the process, so one process keeps one such client: a second
+// one would share its replies queue with the first.
 //
 // Service handler threads take requests from a service address, call the service handler and
 // send its reply to the request's reply-to. Message bodies are a sequence of the JSON text and,
