@@ -224,7 +224,7 @@ proton::connection_options s_connection_options(const qv_nats_config& config) {
     return options;
 }
 
-// The JSON text and payload of a body element: string or binary, else nullopt.
+// The bytes of a body element that is a string or binary value; false for any other type.
 bool s_bytes_of(const proton::value& v, std::string* out) {
     if (v.type() == proton::STRING) {
         *out = proton::get<std::string>(v);
