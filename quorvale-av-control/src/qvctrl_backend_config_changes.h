@@ -21,6 +21,9 @@
 #include "qv_request_reply_types.h"
 #include "qvctrl_config.h"
 
+// The AMQP address the backend publishes its change notifications on.
+inline constexpr const char* QVCTRL_BACKEND_CONTROL_ADDRESS = "topic://qv-av4-backend-control";
+
 // The lease key and the lease owner used when the instance has no identifier.
 inline constexpr const char* QVCTRL_CONFIG_POLLER_LEASE_KEY = "_leader.config-poller";
 inline constexpr const char* QVCTRL_CONFIG_POLLER_DEFAULT_OWNER = "config-poller";

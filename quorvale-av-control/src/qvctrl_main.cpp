@@ -34,6 +34,7 @@
 #include "qv-av-control-json-logger.h"
 #include "qvctrl_worker_request_handlers.h"
 #include "qvctrl_PIDlockfile.h"
+#include "qv_qpid_proton_mt_interface.h"
 #include "qvctrl_backend_config_changes.h"
 #include "qvctrl_config.h"
 #include "qvctrl_flush_worker_caches.h"
@@ -312,6 +313,16 @@ int s_start_threads(quorvale_control_config_t* config, qv_thread_t* update_threa
             return -1;
         }
     }
+    if (config->cloud_mode) {
+        log_info("Starting backend thread");
+        if (qv_qpid_start_service_handler_threads(
+                config->backend_amqp_config.get(), QVCTRL_BACKEND_CONTROL_ADDRESS,
+                qvctrl_backend_config_change_handler, config, &killed, 1) != 0) {
+            log_error("Failed to create backend thread");
+            return -1;
+        }
+        log_info("Created backend thread");
+    }
     return 0;
 }
 
@@ -493,6 +504,13 @@ int s_run(int argc, char** argv) {
             rc = -1;
             break;
         }
+        // The backend is optional: without it the daemon serves, and configuration changes
+        // reach it through the configuration poller only.
+        const qv_nats_config* backend = config->backend_amqp_config.get();
+        if (config->cloud_mode && backend != nullptr && !backend->broker_host.empty() &&
+            !backend->broker_port.empty() && qv_qpid_init(config->backend_amqp_config.get()) != 0) {
+            log_warn("Failed to initialize backend AMQP connection");
+        }
 
         s_mime_dir_modification_time =
             qvhlp_get_dir_mtime(s_config_dir(config->basedir, "mime").c_str());
@@ -613,6 +631,7 @@ int s_run(int argc, char** argv) {
         config->main_nats_config->_micro.stop();
     }
     qv_nats_deinit(config->main_nats_config.get());
+    qv_qpid_deinit(config->backend_amqp_config.get());
     update_params.reset();
     log_trace("removing the update lockfile");
     lock_release(&update_lockfile);

@@ -8,6 +8,8 @@
 
 #include <curl/curl.h>
 
+#include "amqp_broker.h"
+#include "daemon_process.h"
 #include "http_test_server.h"
 #include "log_capture.h"
 #include "nats_server.h"
@@ -260,3 +262,74 @@ TEST_F(BackendConfigChanges, OnePollerHoldsTheLeaseAndAnotherTakesOverWhenItStop
 }
 
 }  // namespace
+
+// The daemon in cloud mode with a real AMQP backend: change notifications on the backend topic
+// reach the cached configurations in the bucket; garbage, a flood and a backend that goes away
+// and comes back leave it serving.
+TEST(BackendDaemon, NotificationsReachTheCacheThroughABadAndVanishingBackend) {
+    qvtest::NatsServer server;
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(server.create_buckets(), 0);
+    qvtest::AmqpBroker backend({.tls = true});
+    ASSERT_TRUE(backend.start());
+
+    // The test's own view of the bucket, through the same key rules as the daemon's.
+    auto view = qvctrl_config_new();
+    view->main_nats_config = server.client_config();
+    ASSERT_EQ(qv_nats_init(view->main_nats_config.get()), 0);
+    const auto cached = [&] {
+        qv::json_ptr object =
+            qvctrl_config_kv_get(view.get(), QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1");
+        return object ? qv_json_to_string(object.get()) : std::string("(none)");
+    };
+    qvctrl_config_kv_put(view.get(), QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1",
+                         qv_json_parse(R"({"SCAN":{"MAXSIZE":"1"}})").get());
+
+    qvtest::DaemonProcess d;
+    d.use_nats(server.url());
+    d.global_keys.insert_or_assign("CLOUD_MODE", "1");
+    d.global_keys.insert_or_assign(
+        "BACKEND_BROKER_URL", "amqp://" + backend.host() + ":" + std::to_string(backend.port()));
+    d.global_keys.insert_or_assign("BACKEND_BROKER_CERT", qvtest::test_certificates().ca_cert);
+    d.control_keys.insert_or_assign("BACKEND_BROKER_USER", "qv-test");
+    d.control_keys.insert_or_assign("BACKEND_BROKER_PASSWORD", "qv-test-secret");
+    ASSERT_TRUE(d.start_serving()) << d.logs();
+    EXPECT_TRUE(d.wait_for_log("Created backend thread"));
+    ASSERT_TRUE(qvtest::wait_until([&] {
+        return backend.receivers(QVCTRL_BACKEND_CONTROL_ADDRESS) >= 1;
+    })) << d.logs();
+    qvtest::NatsClient client(server);
+
+    // Garbage and a flood of notifications for pairs nobody cached change nothing.
+    backend.publish(QVCTRL_BACKEND_CONTROL_ADDRESS, "not json");
+    backend.publish_body(QVCTRL_BACKEND_CONTROL_ADDRESS,
+                         std::vector<proton::value>{proton::value(42)});
+    const std::string other =
+        configurations(R"({"SCAN":{"MAXSIZE":"7"}})", kMimeExt, kMimeXlat, kAc);
+    for (int i = 0; i < 1000; ++i) {
+        backend.publish(QVCTRL_BACKEND_CONTROL_ADDRESS,
+                        notification("r" + std::to_string(i + 2), "s1", other));
+    }
+    EXPECT_EQ(client.ping(), 0);
+    backend.publish(QVCTRL_BACKEND_CONTROL_ADDRESS,
+                    notification("r1", "s1", configurations(kScan, kMimeExt, kMimeXlat, kAc)));
+    EXPECT_TRUE(qvtest::wait_until([&] { return cached() == kScan; }, std::chrono::seconds(60)))
+        << cached();
+    EXPECT_TRUE(d.wait_for_log("Failed to parse JSON. Errorcode: "));
+    EXPECT_TRUE(d.wait_for_log("Invalid data type in message"));
+
+    // The backend goes away: the daemon serves on; once it is back, notifications arrive again.
+    backend.stop();
+    EXPECT_EQ(client.ping(), 0);
+    ASSERT_TRUE(backend.start());
+    ASSERT_TRUE(
+        qvtest::wait_until([&] { return backend.receivers(QVCTRL_BACKEND_CONTROL_ADDRESS) >= 1; },
+                           std::chrono::seconds(90)));
+    const std::string scan3 = R"({"SCAN":{"MAXSIZE":"3"}})";
+    backend.publish(QVCTRL_BACKEND_CONTROL_ADDRESS,
+                    notification("r1", "s1", configurations(scan3, kMimeExt, kMimeXlat, kAc)));
+    EXPECT_TRUE(qvtest::wait_until([&] { return cached() == scan3; })) << cached();
+    EXPECT_EQ(client.ping(), 0);
+    EXPECT_EQ(d.stop(), 0);
+    qv_nats_deinit(view->main_nats_config.get());
+}
