@@ -98,33 +98,6 @@ class cwd_guard {
     qv::unique_fd saved_;
 };
 
-// The CA bundle an operator named for a private CA, or null for the system trust store.
-const char* s_ca_bundle() {
-    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
-        const char* value = getenv(name);
-        if (value != nullptr && value[0] != '\0') {
-            return value;
-        }
-    }
-    return nullptr;
-}
-
-// The proxy as the log shows it: a password in its user part is masked.
-std::string s_proxy_for_log(const std::string& proxy) {
-    const size_t scheme = proxy.find("://");
-    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
-    const size_t at = proxy.find('@', start);
-    const size_t slash = proxy.find('/', start);
-    if (at == std::string::npos || (slash != std::string::npos && slash < at)) {
-        return proxy;
-    }
-    const size_t colon = proxy.find(':', start);
-    if (colon == std::string::npos || colon > at) {
-        return proxy;
-    }
-    return proxy.substr(0, colon + 1) + "***" + proxy.substr(at);
-}
-
 struct download_sink {
     FILE* file = nullptr;
     long long written = 0;
@@ -189,7 +162,7 @@ bool s_set_options(CURL* curl, const char* url, const qv_update_config_t* update
     } else {
         set(CURLOPT_SSL_VERIFYPEER, 1L);
         set(CURLOPT_SSL_VERIFYHOST, 2L);
-        if (const char* bundle = s_ca_bundle(); bundle != nullptr) {
+        if (const char* bundle = qvhlp_curl_ca_bundle(); bundle != nullptr) {
             set(CURLOPT_CAINFO, bundle);
         }
 #if LIBCURL_VERSION_NUM >= 0x075700
@@ -198,7 +171,7 @@ bool s_set_options(CURL* curl, const char* url, const qv_update_config_t* update
     }
     if (http_proxy != nullptr && http_proxy[0] != '\0') {
         log_info("Using http proxy: %s",
-                 qv_escape_for_log(s_proxy_for_log(http_proxy), 1024).c_str());
+                 qv_escape_for_log(qvhlp_curl_proxy_for_log(http_proxy), 1024).c_str());
         set(CURLOPT_PROXY, http_proxy);
     }
     if (rc != CURLE_OK) {

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <cstdlib>
 #include <exception>
 #include <string_view>
 
@@ -72,4 +73,29 @@ int qvhlp_curl_trace(CURL* /*handle*/, curl_infotype type, char* data, size_t si
         // A trace line that cannot be built is dropped; the transfer goes on.
     }
     return 0;
+}
+
+std::string qvhlp_curl_proxy_for_log(const std::string& proxy) {
+    const size_t scheme = proxy.find("://");
+    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+    const size_t at = proxy.find('@', start);
+    const size_t slash = proxy.find('/', start);
+    if (at == std::string::npos || (slash != std::string::npos && slash < at)) {
+        return proxy;
+    }
+    const size_t colon = proxy.find(':', start);
+    if (colon == std::string::npos || colon > at) {
+        return proxy;
+    }
+    return proxy.substr(0, colon + 1) + "***" + proxy.substr(at);
+}
+
+const char* qvhlp_curl_ca_bundle() {
+    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+        const char* value = getenv(name);
+        if (value != nullptr && value[0] != '\0') {
+            return value;
+        }
+    }
+    return nullptr;
 }

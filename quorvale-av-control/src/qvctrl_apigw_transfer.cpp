@@ -17,33 +17,6 @@ constexpr size_t kProxyLogMax = 1024;
 std::atomic<long> s_connect_timeout_ms{10000};
 std::atomic<long> s_total_timeout_ms{30000};
 
-// The proxy as the log shows it: a password in its user part is masked.
-std::string s_proxy_for_log(const std::string& proxy) {
-    const size_t scheme = proxy.find("://");
-    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
-    const size_t at = proxy.find('@', start);
-    const size_t slash = proxy.find('/', start);
-    if (at == std::string::npos || (slash != std::string::npos && slash < at)) {
-        return proxy;
-    }
-    const size_t colon = proxy.find(':', start);
-    if (colon == std::string::npos || colon > at) {
-        return proxy;
-    }
-    return proxy.substr(0, colon + 1) + "***" + proxy.substr(at);
-}
-
-// The CA bundle an operator named for a private CA, or null for the system trust store.
-const char* s_ca_bundle() {
-    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
-        const char* value = getenv(name);
-        if (value != nullptr && value[0] != '\0') {
-            return value;
-        }
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 CURLcode qvctrl_apigw_set_transfer_options(CURL* curl, const std::string& url,
@@ -67,7 +40,7 @@ CURLcode qvctrl_apigw_set_transfer_options(CURL* curl, const std::string& url,
     set(CURLOPT_FAILONERROR, 1L);
     set(CURLOPT_SSL_VERIFYPEER, 1L);
     set(CURLOPT_SSL_VERIFYHOST, 2L);
-    if (const char* bundle = s_ca_bundle(); bundle != nullptr) {
+    if (const char* bundle = qvhlp_curl_ca_bundle(); bundle != nullptr) {
         set(CURLOPT_CAINFO, bundle);
     }
 #if LIBCURL_VERSION_NUM >= 0x075700
@@ -80,7 +53,7 @@ CURLcode qvctrl_apigw_set_transfer_options(CURL* curl, const std::string& url,
     if (config->network_config && !config->network_config->http_proxy.empty()) {
         const std::string& proxy = config->network_config->http_proxy;
         log_info("Using http proxy: %s",
-                 qv_escape_for_log(s_proxy_for_log(proxy), kProxyLogMax).c_str());
+                 qv_escape_for_log(qvhlp_curl_proxy_for_log(proxy), kProxyLogMax).c_str());
         set(CURLOPT_PROXY, proxy.c_str());
     }
     return rc;

@@ -31,22 +31,6 @@ std::string realms(const std::string& list) {
     return std::string(R"({"success": true, "result": )").append(list).append("}");
 }
 
-bool can_connect(const qvtest::NatsServer& broker, const std::string& user,
-                 const std::string& password) {
-    natsOptions* raw = nullptr;
-    if (natsOptions_Create(&raw) != NATS_OK) {
-        return false;
-    }
-    qv::nats_options_ptr options(raw);
-    natsOptions_SetURL(raw, broker.url().c_str());
-    natsOptions_SetUserInfo(raw, user.c_str(), password.c_str());
-    natsOptions_SetTimeout(raw, 2000);
-    natsConnection* connection = nullptr;
-    const natsStatus status = natsConnection_Connect(&connection, raw);
-    qv::nats_connection_ptr owned(connection);
-    return status == NATS_OK;
-}
-
 }  // namespace
 
 TEST(CloudDaemon, RealmsFromTheGatewayBecomeBrokerUsersAndLeaveAgain) {
@@ -74,17 +58,17 @@ TEST(CloudDaemon, RealmsFromTheGatewayBecomeBrokerUsersAndLeaveAgain) {
         d.control_keys.insert_or_assign(key, value);
     }
     d.write_config();
-    EXPECT_FALSE(can_connect(broker, "r1@b1", "p1"));
+    EXPECT_FALSE(qvtest::can_log_in(broker, "r1@b1", "p1"));
     ASSERT_TRUE(d.start({}, {{"CURL_CA_BUNDLE", qvtest::test_certificates().ca_cert}}));
     ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
     EXPECT_TRUE(d.wait_for_log("Starting realms_poller thread"));
     EXPECT_TRUE(d.wait_for_log("Starting config_poller thread"));
 
     // The daemon writes the realm into the broker's users and has the broker reload them.
-    EXPECT_TRUE(wait_until([&] { return can_connect(broker, "r1@b1", "p1"); }))
+    EXPECT_TRUE(wait_until([&] { return qvtest::can_log_in(broker, "r1@b1", "p1"); }))
         << qvtest::read_file(auth) << d.logs();
     EXPECT_TRUE(d.wait_for_log("credstore reload triggered"));
-    EXPECT_TRUE(can_connect(broker, "control@b1", "pw"));
+    EXPECT_TRUE(qvtest::can_log_in(broker, "control@b1", "pw"));
 
     // The configuration poller's lease names this daemon.
     qvtest::NatsClient client(broker, "control@b1", "pw");
@@ -98,8 +82,8 @@ TEST(CloudDaemon, RealmsFromTheGatewayBecomeBrokerUsersAndLeaveAgain) {
     // The realm goes away on the management side: its user is refused again, while the
     // daemon's own connection and the installer's user stay.
     gateway.respond(200, realms("[]"));
-    EXPECT_TRUE(wait_until([&] { return !can_connect(broker, "r1@b1", "p1"); })) << d.logs();
-    EXPECT_TRUE(can_connect(broker, "control@b1", "pw"));
+    EXPECT_TRUE(wait_until([&] { return !qvtest::can_log_in(broker, "r1@b1", "p1"); })) << d.logs();
+    EXPECT_TRUE(qvtest::can_log_in(broker, "control@b1", "pw"));
     EXPECT_EQ(client.ping(), 0);
     EXPECT_EQ(d.stop(), 0);
 }

@@ -75,18 +75,7 @@ class RealmsPoller : public ::testing::Test {
     }
 
     bool can_connect(const std::string& user, const std::string& password) const {
-        natsOptions* raw = nullptr;
-        if (natsOptions_Create(&raw) != NATS_OK) {
-            return false;
-        }
-        qv::nats_options_ptr options(raw);
-        natsOptions_SetURL(raw, broker.url().c_str());
-        natsOptions_SetUserInfo(raw, user.c_str(), password.c_str());
-        natsOptions_SetTimeout(raw, 2000);
-        natsConnection* connection = nullptr;
-        const natsStatus status = natsConnection_Connect(&connection, raw);
-        qv::nats_connection_ptr owned(connection);
-        return status == NATS_OK;
+        return qvtest::can_log_in(broker, user, password);
     }
 
     // Outlives the poller thread, which logs until it is stopped.

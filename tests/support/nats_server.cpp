@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qv_handles.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
 #include <fcntl.h>
@@ -218,6 +219,21 @@ int NatsCluster::create_buckets(const qv_kv_bucket_ages& ages) {
         std::chrono::seconds(60));
     qv_nats_deinit(cfg.get());
     return rc;
+}
+
+bool can_log_in(const NatsServer& server, const std::string& user, const std::string& password) {
+    natsOptions* raw = nullptr;
+    if (natsOptions_Create(&raw) != NATS_OK) {
+        return false;
+    }
+    qv::nats_options_ptr options(raw);
+    natsOptions_SetURL(raw, server.url().c_str());
+    natsOptions_SetUserInfo(raw, user.c_str(), password.c_str());
+    natsOptions_SetTimeout(raw, 2000);
+    natsConnection* connection = nullptr;
+    const natsStatus status = natsConnection_Connect(&connection, raw);
+    qv::nats_connection_ptr owned(connection);
+    return status == NATS_OK;
 }
 
 NatsClient::NatsClient(const NatsServer& server, const std::string& user,

@@ -86,6 +86,9 @@ class NatsCluster {
     std::vector<std::unique_ptr<NatsServer>> nodes_;
 };
 
+// Whether the server accepts a connection with these credentials (within 2 s).
+bool can_log_in(const NatsServer& server, const std::string& user, const std::string& password);
+
 // A connection of the test's own to a server, released with the object.
 class NatsClient {
   public:
