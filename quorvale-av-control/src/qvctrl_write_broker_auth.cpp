@@ -1,6 +1,7 @@
 #include "qvctrl_write_broker_auth.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -20,10 +21,12 @@ namespace {
 constexpr off_t kMaxFileSize = 67108864;
 // The temporary file's path buffer, terminator included.
 constexpr size_t kPathMax = 4096;
-// How often a writer opens the file again because another writer replaced it while this one was
-// waiting for the lock. Each replacement is another writer's finished write, so running out means
-// the file is being rewritten in a tight loop by someone else.
-constexpr int kMaxReopen = 100;
+// How long a writer keeps opening the file again because another writer replaced it while this
+// one was waiting for the lock. Each replacement is another writer's finished write, and writers
+// of this file write once a poll, so replacements going on for this long mean that someone is
+// rewriting it in a tight loop. A bound by time, not by count: a slow machine must not make a
+// writer give up while a busy peer merely finishes a series of writes.
+constexpr auto kMaxReopenTime = std::chrono::seconds(30);
 
 // Record locks belong to the process: two threads of one daemon would both be granted the lock
 // and merge into the same contents. They take turns here first.
@@ -74,7 +77,8 @@ bool s_still_at_path(int fd, const char* path) {
 // Opens the file (creating it, mode 0600) and takes the whole-file write lock on the file that is
 // at the path once the lock is granted. An invalid descriptor after a logged failure.
 qv::unique_fd s_open_locked(const char* path) {
-    for (int attempt = 0; attempt <= kMaxReopen; ++attempt) {
+    const auto deadline = std::chrono::steady_clock::now() + kMaxReopenTime;
+    while (std::chrono::steady_clock::now() < deadline) {
         qv::unique_fd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
         if (!fd) {
             log_error("write_broker_auth: open %s: %m", path);
