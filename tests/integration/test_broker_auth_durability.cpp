@@ -22,11 +22,6 @@ using qvtest::write_file;
 const std::string kHead = "# by hand\nauthorization {\n  users = [\n    {user: \"control@b1\"}\n";
 const std::string kTail = "  ]\n}\n# trailer\n";
 
-int reap(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid ? status : -1;
-}
-
 // True when `text` is the file as the installer left it or with one complete block that a
 // writer of one of `tags` wrote in some round.
 bool complete_version(const std::string& text, const std::vector<std::string>& tags) {
@@ -66,7 +61,7 @@ TEST_F(BrokerAuthDurability, WriterKilledAtAnyMomentLeavesACompleteFile) {
         std::this_thread::sleep_for(
             std::chrono::microseconds(std::uniform_int_distribution<int>(0, 20000)(random)));
         kill(writer, SIGKILL);
-        reap(writer);
+        waitpid(writer, nullptr, 0);
         const std::string text = read_file(path);
         ASSERT_TRUE(complete_version(text, {"k"})) << "after kill " << kill_round << ":\n" << text;
     }
@@ -119,7 +114,7 @@ TEST_F(BrokerAuthDurability, WriterWaitingForTheLockMergesIntoTheFileThatReplace
     write_file(dir / "replacement", edited + kTail);
     ASSERT_EQ(rename((dir / "replacement").c_str(), path.c_str()), 0);
     kill(holder, SIGKILL);
-    reap(holder);
+    waitpid(holder, nullptr, 0);
     writer.join();
 
     ASSERT_EQ(rc, 0) << log.text();

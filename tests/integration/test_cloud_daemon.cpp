@@ -45,30 +45,22 @@ TEST(CloudDaemon, RealmsFromTheGatewayBecomeBrokerUsersAndLeaveAgain) {
 
     qvtest::DaemonProcess d;
     d.use_nats(broker.url(), "control@b1", "pw");
-    for (auto [key, value] : {std::pair<const char*, std::string>{"CLOUD_MANAGEMENT", "1"},
-                              {"BROKER_NAME", "b1"},
-                              {"CONFIG_POLL_INTERVAL", "1"}}) {
-        d.global_keys.insert_or_assign(key, value);
-    }
-    for (auto [key, value] : {std::pair<const char*, std::string>{"APIGW_URL", gateway.url()},
-                              {"APIGW_USER", "org"},
-                              {"APIGW_PASSWORD", "gwpass"},
-                              {"BROKER_AUTH_FILE", auth},
-                              {"BROKER_PID_FILE", broker.file("nats.pid")}}) {
-        d.control_keys.insert_or_assign(key, value);
-    }
+    d.global_keys["CLOUD_MANAGEMENT"] = "1";
+    d.global_keys["BROKER_NAME"] = "b1";
+    d.global_keys["CONFIG_POLL_INTERVAL"] = "1";
+    d.control_keys["APIGW_URL"] = gateway.url();
+    d.control_keys["APIGW_USER"] = "org";
+    d.control_keys["APIGW_PASSWORD"] = "gwpass";
+    d.control_keys["BROKER_AUTH_FILE"] = auth;
+    d.control_keys["BROKER_PID_FILE"] = broker.file("nats.pid");
     d.write_config();
     EXPECT_FALSE(qvtest::can_log_in(broker, "r1@b1", "p1"));
     ASSERT_TRUE(d.start({}, {{"CURL_CA_BUNDLE", qvtest::test_certificates().ca_cert}}));
     ASSERT_TRUE(d.wait_for_log("Entering main loop")) << d.logs();
-    EXPECT_TRUE(d.wait_for_log("Starting realms_poller thread"));
-    EXPECT_TRUE(d.wait_for_log("Starting config_poller thread"));
 
     // The daemon writes the realm into the broker's users and has the broker reload them.
     EXPECT_TRUE(wait_until([&] { return qvtest::can_log_in(broker, "r1@b1", "p1"); }))
         << qvtest::read_file(auth) << d.logs();
-    EXPECT_TRUE(d.wait_for_log("credstore reload triggered"));
-    EXPECT_TRUE(qvtest::can_log_in(broker, "control@b1", "pw"));
 
     // The configuration poller's lease names this daemon.
     qvtest::NatsClient client(broker, "control@b1", "pw");

@@ -28,7 +28,12 @@ struct ConfigKv : ::testing::Test {
         config->main_nats_config = server.client_config();
         ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
     }
-    void TearDown() override { qv_nats_deinit(config->main_nats_config.get()); }
+    void TearDown() override {
+        qv_nats_deinit(other.get());
+        qv_nats_deinit(config->main_nats_config.get());
+    }
+    // Another instance's connection, for the tests that need one.
+    std::unique_ptr<qv_nats_config> other = server.client_config();
 
     void put(const char* prefix, const char* realm, const char* sid, const std::string& json) {
         qv::json_ptr object = qv_json_parse(json);
@@ -48,19 +53,6 @@ struct ConfigKv : ::testing::Test {
 };
 
 }  // namespace
-
-TEST_F(ConfigKv, KeysNameTheKindTheRealmAndTheSid) {
-    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", R"({"MAXSIZE": "100"})");
-    put(QVCTRL_CONFIG_PREFIX_AC, "r1", "", R"({"Macros": "block"})");
-    EXPECT_EQ(raw("scan.r1.s1"), R"({"MAXSIZE":"100"})");
-    EXPECT_EQ(raw("ac.r1"), R"({"Macros":"block"})");
-    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), R"({"MAXSIZE":"100"})");
-    // A null or empty SID reads the realm-wide entry.
-    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_AC, "r1", nullptr), R"({"Macros":"block"})");
-    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s2"), "(miss)");
-    qvctrl_config_kv_delete(config.get(), QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1");
-    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), "(miss)");
-}
 
 TEST_F(ConfigKv, OverlongOrInvalidKeysAndCorruptValuesAreMisses) {
     qvtest::LogCapture log;
@@ -84,10 +76,19 @@ TEST_F(ConfigKv, OverlongOrInvalidKeysAndCorruptValuesAreMisses) {
         log.contains("config KV: corrupt JSON stored under key 'scan.r9.s9' — treating as a miss"));
 }
 
-TEST_F(ConfigKv, PrefixDeletionAndRealmSidEnumeration) {
-    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", "{}");
+TEST_F(ConfigKv, KeysNameTheKindTheRealmAndTheSidAndArePrefixDeletedAndEnumerated) {
+    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", R"({"MAXSIZE": "100"})");
     put(QVCTRL_CONFIG_PREFIX_AC, "r1", "s1", "{}");
-    put(QVCTRL_CONFIG_PREFIX_MIMEEXT, "r1", "", "{}");
+    put(QVCTRL_CONFIG_PREFIX_MIMEEXT, "r1", "", R"({"text/plain": "txt"})");
+    EXPECT_EQ(raw("scan.r1.s1"), R"({"MAXSIZE":"100"})");
+    EXPECT_EQ(raw("mimeext.r1"), R"({"text/plain":"txt"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), R"({"MAXSIZE":"100"})");
+    // A null or empty SID reads the realm-wide entry.
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_MIMEEXT, "r1", nullptr), R"({"text/plain":"txt"})");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s2"), "(miss)");
+    qvctrl_config_kv_delete(config.get(), QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1");
+    EXPECT_EQ(get(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1"), "(miss)");
+    put(QVCTRL_CONFIG_PREFIX_SCAN, "r1", "s1", "{}");
     put(QVCTRL_CONFIG_PREFIX_MIMEXLAT, "r.2", "s2", "{}");
     put(QVCTRL_CONFIG_PREFIX_SCAN, "r10", "s3", "{}");
     ASSERT_EQ(qv_nats_kv_put(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET, "tenant.r1.s1",
@@ -115,7 +116,6 @@ TEST_F(ConfigKv, PrefixDeletionAndRealmSidEnumeration) {
 // Reads are answered from this instance's cache of the bucket, and a change made by any instance
 // is seen: at once when this instance made it, as soon as the watch reports it otherwise.
 TEST_F(ConfigKv, CachedReadsFollowEveryInstancesChanges) {
-    std::unique_ptr<qv_nats_config> other = server.client_config();
     ASSERT_EQ(qv_nats_init(other.get()), 0);
     qv_nats_config* mine = config->main_nats_config.get();
     EXPECT_EQ(raw("scan.r1.s1"), "<1>");
@@ -151,13 +151,11 @@ TEST_F(ConfigKv, CachedReadsFollowEveryInstancesChanges) {
     EXPECT_EQ(raw("ac.r2"), "a1");
     ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "ac.r2", "a2", 0), 0);
     EXPECT_TRUE(qvtest::wait_until([&] { return raw("ac.r2") == "a2"; }));
-    qv_nats_deinit(other.get());
 }
 
 // A bucket deleted and made again numbers its revisions from 1 anew; the watch on the old one
 // would report none of its changes, so reads would lag by the cache's whole entry age.
 TEST_F(ConfigKv, ABucketMadeAgainIsWatchedAfresh) {
-    std::unique_ptr<qv_nats_config> other = server.client_config();
     ASSERT_EQ(qv_nats_init(other.get()), 0);
     qv_nats_config* mine = config->main_nats_config.get();
     for (const char* value : {"o1", "o2", "o3", "old"}) {
@@ -177,5 +175,4 @@ TEST_F(ConfigKv, ABucketMadeAgainIsWatchedAfresh) {
     EXPECT_EQ(raw("scan.r1.s1"), "new");
     ASSERT_EQ(qv_nats_kv_put(other.get(), QV_KV_CONFIG_BUCKET, "scan.r1.s1", "newer", 0), 0);
     EXPECT_TRUE(qvtest::wait_until([&] { return raw("scan.r1.s1") == "newer"; }, soon));
-    qv_nats_deinit(other.get());
 }

@@ -31,18 +31,12 @@ TEST(ConnectionFacade, HttpModeHasNoBucketsAndServesNoThreads) {
     EXPECT_EQ(cfg->user, "client");
     EXPECT_EQ(cfg->password, "pw");
 
+    // Nothing is found and every lease is held, without a request to the gateway.
     std::string value = "stale";
     EXPECT_EQ(qv_connection_kv_get(cfg.get(), "b", "k", &value), 1);
     EXPECT_TRUE(value.empty());
-    EXPECT_EQ(qv_connection_kv_put(cfg.get(), "b", "k", "v", 0), 0);
-    EXPECT_EQ(qv_connection_registry_put(cfg.get(), "k", "v", 0), 0);
     EXPECT_EQ(qv_connection_kv_lease(cfg.get(), "b", "k", "me", 1000), 1);
-    int calls = 0;
-    EXPECT_EQ(qv_connection_kv_keys(cfg.get(), "b", nullptr, [&](const char*) { calls++; }), 0);
-    EXPECT_EQ(qv_connection_kv_snapshot(cfg.get(), "b",
-                                        [&](const char*, const char*, size_t) { calls++; }),
-              -1);
-    EXPECT_EQ(calls, 0);
+    // A payload is not staged but travels with its request.
     const unsigned char bytes[] = {1, 2, 3};
     std::string key = "stale";
     EXPECT_EQ(qv_connection_stage_scan_data(cfg.get(), bytes, sizeof(bytes), 1000, &key, nullptr),
@@ -70,8 +64,7 @@ TEST(ConnectionFacade, HttpRetriesMakeOnePostPerAttempt) {
 
     gw.respond(200, "{\"ReturnCode\": 7}");
     EXPECT_EQ(qv_connection_simple_request(cfg.get(), "qv-av-control", "{}", 2000, 0, &err), 7);
-    const auto last = gw.requests().back();
-    EXPECT_EQ(last.header("X-Target-Service").value_or(""), "qv-av-control");
+    EXPECT_EQ(gw.requests().back().header("X-Target-Service").value_or(""), "qv-av-control");
 }
 
 TEST(ConnectionFacade, HttpScanRequestsCarryThePayloadInline) {
@@ -101,22 +94,27 @@ TEST(ConnectionFacade, HttpScanRequestsCarryThePayloadInline) {
 }
 
 TEST(ConnectionFacade, NatsModeFromBrokerHostAndPort) {
-    NatsServer::Options o;
-    o.tls = true;
-    o.users = {{"control@local", "pw"}};
-    NatsServer server(o);
+    NatsServer server({.tls = true, .users = {{"control@local", "pw"}}});
     ASSERT_TRUE(server.start());
     ASSERT_EQ(server.create_buckets({}, "control@local", "pw"), 0);
-    auto cfg = qv_connection_config_new();
-    cfg->broker_host = "localhost";
-    cfg->broker_port = std::to_string(server.port());
-    cfg->broker_user = "control@local";
-    cfg->broker_password = "pw";
-    cfg->cert_path = qvtest::test_certificates().ca_cert;
+    auto config = [&](const std::string& password, const std::string& ca) {
+        auto cfg = qv_connection_config_new();
+        cfg->broker_host = "localhost";
+        cfg->broker_port = std::to_string(server.port());
+        cfg->broker_user = "control@local";
+        cfg->broker_password = password;
+        cfg->cert_path = ca;
+        return cfg;
+    };
+    // Bad credentials and an unreadable CA file are permanent failures.
+    EXPECT_EQ(qv_connection_init(config("wrong", qvtest::test_certificates().ca_cert).get()), -1);
+    EXPECT_EQ(qv_connection_init(config("pw", "/nonexistent/ca.pem").get()), -1);
+
+    auto cfg = config("pw", qvtest::test_certificates().ca_cert);
     ASSERT_EQ(qv_connection_init(cfg.get()), 0);
     EXPECT_EQ(cfg->server_url, "tls://localhost:" + std::to_string(server.port()));
     EXPECT_FALSE(qv_connection_is_http(cfg.get()));
-
+    EXPECT_TRUE(cfg->_js);
     std::atomic<int> stop{0};
     ASSERT_EQ(qv_connection_start_service_handler_threads(
                   cfg.get(), "qv-test.ping", qv_worker_ping_request_handler, nullptr, &stop, 1),

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon_process.h"
+#include "log_capture.h"
 #include "nats_server.h"
 #include "qv-av-control-event-dispatcher.h"
 #include "qv_json.h"
@@ -14,13 +14,11 @@
 #include "qv_nats_kv.h"
 #include "qvctrl_config.h"
 
-using qvtest::DaemonProcess;
 using qvtest::NatsServer;
 
 namespace {
 
 constexpr const char* kBucket = QV_KV_EVENT_SUBSCRIPTIONS_BUCKET;
-constexpr const char* kService = "qv-av-events-dispatch";
 
 using qvtest::Recorder;
 
@@ -38,9 +36,6 @@ struct Peer {
                                                         Recorder::handle, &r, &stop, 1),
                   0);
         return r;
-    }
-    std::string request(const std::string& body) {
-        return client.request(kService, body, std::chrono::seconds(20));
     }
 };
 
@@ -121,8 +116,17 @@ TEST_F(EventService, LocalSubscriptionsRenewWithoutRescopingAndLapse) {
     ASSERT_EQ(handlers().size(), 1u);
     EXPECT_GE(handlers().front().expiration, after + 30);
     EXPECT_EQ(handlers().front().modules, "qv-av-trellix");
+    qvtest::LogCapture log;
     EXPECT_EQ(call(event("qv-av-mimescan", "h1", "r1", "S1")), kOK);
     EXPECT_EQ(a.count(), 0u);
+    // An event nobody takes is no failure; the trace shows why each candidate did not match.
+    EXPECT_TRUE(
+        log.contains("Dispatch: NO subscriber matched — 1 handler(s) in this node's "
+                     "projection; event filter Hostname='h1' realmID='r1' SID='S1' "
+                     "Component='qv-av-mimescan'"));
+    EXPECT_TRUE(
+        log.contains("Dispatch:   candidate service='qv-test.a' scope{ Hostname='h1'(1) "
+                     "realmID='r1'(1) SID='S1'(1) Modules='qv-av-trellix'(0) }"));
     EXPECT_EQ(call(event("qv-av-trellix", "h1", "r1", "S1")), kOK);
     EXPECT_EQ(a.count(), 1u);
     std::string value;
@@ -210,8 +214,6 @@ TEST_F(EventService, FailedForwardsAndMalformedEventsAreReportedToTheSender) {
 
     EXPECT_EQ(call(R"({"Command": 501, "Component": "x"})"),
               "{\"ReturnCode\": -1000, \"Error\": \"\"}");
-    EXPECT_EQ(call(R"({"Command": 501, "Event": null})"),
-              "{\"ReturnCode\": -1000, \"Error\": \"Failed to read Component from JSON\"}");
     EXPECT_EQ(call(R"({"Command": 501, "Event": 1, "Component": ""})"),
               "{\"ReturnCode\": -1000, \"Error\": \"Key Component found, but value is empty\"}");
     // Unknown commands are ignored with a plain reply.
@@ -263,73 +265,4 @@ TEST_F(EventService, SharedSubscriptionsFollowTheBucket) {
     handlers().front().expiration = time(nullptr) - 10;
     call(event("x"));
     EXPECT_EQ(handlers().size(), 1u);
-}
-
-TEST(EventDaemon, LocalModeServesSubscribersOfThisDaemon) {
-    NatsServer server;
-    ASSERT_TRUE(server.start());
-    Peer peer(server);
-    Recorder& handler = peer.serve("qv-test.local");
-    DaemonProcess d;
-    d.use_nats(server.url(), "control");
-    d.control_keys["EVENT_SUBSCRIPTION_KV_ENABLED"] = "0";
-    ASSERT_TRUE(d.start_serving()) << d.logs();
-    EXPECT_EQ(d.logs().find("Starting event-subscription watcher thread"), std::string::npos);
-
-    EXPECT_EQ(peer.request(subscribe("qv-test.local", "qv-av-trellix;qv-av-mime*")),
-              "{\"ReturnCode\":0}");
-    EXPECT_EQ(peer.request(event("qv-av-mimescan", "host9")), "{\"ReturnCode\":0}");
-    EXPECT_EQ(handler.count(), 1u);
-    EXPECT_EQ(peer.request(event("qv-av-activecontent", "host9", "r7")), "{\"ReturnCode\":0}");
-    EXPECT_EQ(handler.count(), 1u);
-    EXPECT_TRUE(
-        d.wait_for_log("Dispatch: NO subscriber matched — 1 handler(s) in this node's "
-                       "projection; event filter Hostname='host9' realmID='r7' SID='' "
-                       "Component='qv-av-activecontent'"));
-    EXPECT_TRUE(
-        d.wait_for_log("Dispatch:   candidate service='qv-test.local' scope{ "
-                       "Hostname='*'(1) realmID='*'(1) SID='*'(1) "
-                       "Modules='qv-av-trellix;qv-av-mime*'(0) }"));
-    EXPECT_EQ(d.stop(), 0);
-}
-
-// Subscribed through daemon A only, served by daemon B from the bucket; A's shutdown leaves B
-// serving, and the lapsed bucket entry ends the subscription on B.
-TEST(EventDaemon, TwoDaemonsShareSubscriptionsThroughTheBucket) {
-    NatsServer server;
-    ASSERT_TRUE(server.start());
-    qv_kv_bucket_ages ages;
-    ages.event_subscriptions_ms = 15000;
-    ASSERT_EQ(server.create_buckets(ages), 0);
-    Peer peer(server);
-    Recorder& handler = peer.serve("qv-test.shared");
-    DaemonProcess a;
-    DaemonProcess b;
-    for (DaemonProcess* d : {&a, &b}) {
-        d->use_nats(server.url(), "control");
-        d->control_keys["EVENT_SUBSCRIPTION_SYNC_INTERVAL"] = "1";
-        d->write_config();
-    }
-    const std::string projected = "event-sub: projected new handler 'qv-test.shared'";
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(a.wait_for_log("event-subscription sync: starting")) << a.logs();
-    EXPECT_EQ(peer.request(subscribe("qv-test.shared", "qv-av-*")), "{\"ReturnCode\":0}");
-    ASSERT_TRUE(b.start());
-    ASSERT_TRUE(b.wait_for_log(projected)) << b.logs();
-    ASSERT_TRUE(a.wait_for_log(projected));
-    // Whichever daemon takes an event, it reaches the handler.
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
-    }
-    EXPECT_EQ(handler.count(), 4u);
-    EXPECT_EQ(a.stop(), 0);
-    EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
-    EXPECT_EQ(handler.count(), 5u);
-    EXPECT_EQ(b.logs().find("Event-handler SUBSCRIBE"), std::string::npos);
-
-    ASSERT_TRUE(b.wait_for_log("handler 'qv-test.shared' absent from KV — removing",
-                               std::chrono::seconds(60)));
-    EXPECT_EQ(peer.request(event("qv-av-trellix")), "{\"ReturnCode\":0}");
-    EXPECT_EQ(handler.count(), 5u);
-    EXPECT_EQ(b.stop(), 0);
 }

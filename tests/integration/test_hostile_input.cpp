@@ -34,58 +34,45 @@ using qvtest::quoted;
 
 namespace {
 
-constexpr const char* kInbox = "qv-test-inbox";
-
-// A connection whose reply inboxes start with kInbox, so that they stand apart from the daemon's.
-qv::nats_connection_ptr connect_requester(const NatsServer& server) {
-    natsOptions* raw_opts = nullptr;
-    natsConnection* conn = nullptr;
-    EXPECT_EQ(natsOptions_Create(&raw_opts), NATS_OK);
-    qv::nats_options_ptr opts(raw_opts);
-    natsOptions_SetURL(opts.get(), server.url().c_str());
-    natsOptions_SetCustomInboxPrefix(opts.get(), kInbox);
-    EXPECT_EQ(natsConnection_Connect(&conn, opts.get()), NATS_OK);
-    return qv::nats_connection_ptr(conn);
+// `subjects` without reply inboxes, except `keep` (an inbox a hostile entry named).
+std::vector<std::string> but_inboxes(const std::vector<std::string>& subjects,
+                                     const std::string& keep = "") {
+    std::vector<std::string> out;
+    for (const std::string& s : subjects) {
+        if (s.rfind("_INBOX.", 0) != 0 || s == keep) {
+            out.push_back(s);
+        }
+    }
+    return out;
 }
 
 // A requester whose replies come to an inbox of its own, and a watcher of every subject on
 // another connection.
 class Bus {
   public:
-    explicit Bus(const NatsServer& server)
-        : requester_(connect_requester(server)), watcher_(server.url()) {
+    explicit Bus(const NatsServer& server) : requester_(server.url()), watcher_(server.url()) {
         watcher_.watch_everything();
     }
 
+    // The reply text; empty when none came.
+    std::string raw(const std::string& subject, const std::string& body) {
+        qvtest::NatsPeer::Batch batch = requester_.send({{subject, body}});
+        replies_.insert(batch.inbox + ".0");
+        return requester_.collect(batch, std::chrono::seconds(5))[0];
+    }
     // The reply as compact JSON; a reply that does not parse shows as such.
-    std::string request(const std::string& subject, const std::string& body,
-                        int64_t timeout_ms = 5000) {
-        natsMsg* raw = nullptr;
-        const natsStatus s =
-            natsConnection_Request(&raw, requester_.get(), subject.c_str(), body.data(),
-                                   static_cast<int>(body.size()), timeout_ms);
-        qv::nats_msg_ptr reply(raw);
-        if (s != NATS_OK) {
-            return std::string("no reply: ") + natsStatus_GetText(s);
-        }
-        const std::string text(natsMsg_GetData(reply.get()),
-                               static_cast<size_t>(natsMsg_GetDataLength(reply.get())));
+    std::string request(const std::string& subject, const std::string& body) {
+        const std::string text = raw(subject, body);
         qv::json_ptr parsed = qv_json_parse(text);
         return parsed ? qv_json_to_string(parsed.get()) : "unparsable reply: " + text;
     }
     // A message stored in a bucket's stream, as any client with credentials may write it.
     bool store(const std::string& subject, const std::string& value) {
-        natsMsg* raw = nullptr;
-        const natsStatus s =
-            natsConnection_Request(&raw, requester_.get(), subject.c_str(), value.data(),
-                                   static_cast<int>(value.size()), 5000);
-        qv::nats_msg_ptr ack(raw);
-        return s == NATS_OK &&
-               std::string(natsMsg_GetData(ack.get())).find("\"seq\"") != std::string::npos;
+        return raw(subject, value).find("\"seq\"") != std::string::npos;
     }
     void publish(const std::string& subject) {
-        natsConnection_PublishString(requester_.get(), subject.c_str(), "x");
-        natsConnection_Flush(requester_.get());
+        requester_.publish(subject, "x");
+        EXPECT_TRUE(requester_.flush());
     }
 
     // Every subject published since the last call. A marker sent after the caller got its reply
@@ -96,51 +83,45 @@ class Bus {
         EXPECT_TRUE(watcher_.flush());
         return watcher_.watched_until(marker, std::chrono::seconds(20));
     }
-    // Subjects seen other than `service` and this requester's reply inbox.
+    // Subjects seen other than `service`, the replies to this requester and what the daemon's
+    // read cache of the configuration bucket does by itself: once a second it asks for the
+    // bucket's stream (that request, its reply inbox and the server's audit of it).
     std::vector<std::string> strays(const std::string& service) {
         std::vector<std::string> out;
         for (const std::string& s : seen()) {
-            if (s != service && s.rfind(std::string(kInbox) + ".", 0) != 0) {
+            if (s != service && !replies_.count(s) && !read_cache_poll(s)) {
                 out.push_back(s);
             }
         }
         return out;
     }
+    // Waits until the subjects the daemon publishes by itself are only its read cache's polls:
+    // the cache starts its watch in the background after the first read.
+    bool settle() {
+        return qvtest::wait_until([&] { return strays("").empty(); }, std::chrono::seconds(20));
+    }
 
   private:
+    static bool read_cache_poll(const std::string& s) {
+        // A library inbox: "_INBOX.", 22 characters of a unique id, '.', a token.
+        const bool inbox = s.rfind("_INBOX.", 0) == 0 && s.size() > 30 && s[29] == '.';
+        return inbox || s == "$JS.EVENT.ADVISORY.API" ||
+               s == std::string("$JS.API.STREAM.INFO.KV_") + QV_KV_CONFIG_BUCKET;
+    }
     int markers_ = 0;
-    qv::nats_connection_ptr requester_;
+    std::set<std::string> replies_;
+    qvtest::NatsPeer requester_;
     qvtest::NatsPeer watcher_;
 };
 
-std::unique_ptr<qv_nats_config> qv_client(const NatsServer& server) {
-    auto config = qv_nats_config_new();
-    config->server_url = server.url();
-    EXPECT_EQ(qv_nats_init(config.get()), 0);
-    return config;
-}
-
-std::vector<std::string> bucket_keys(qv_nats_config* cfg, const char* bucket) {
+std::vector<std::string> bucket_keys(const NatsServer& server, const char* bucket) {
+    qvtest::NatsClient client(server);
     std::vector<std::string> keys;
-    EXPECT_EQ(qv_nats_kv_keys(cfg, bucket, nullptr, [&](const char* key) { keys.push_back(key); }),
+    EXPECT_EQ(qv_nats_kv_keys(client.get(), bucket, nullptr,
+                              [&](const char* key) { keys.push_back(key); }),
               0);
+    std::sort(keys.begin(), keys.end());
     return keys;
-}
-
-// Serves `subject` on `connection`, answering OK and counting the requests in *calls; returns
-// once nats-server knows the subscription.
-void serve_counting(qv_nats_config* connection, const char* subject, std::atomic<int>* calls,
-                    const std::atomic<int>* stop) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(
-                  connection, subject,
-                  [](void* context, qv_const_request_reply_t* rr) {
-                      ++*static_cast<std::atomic<int>*>(context);
-                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
-                      return 0;
-                  },
-                  calls, stop, 1),
-              0);
-    ASSERT_EQ(natsConnection_Flush(connection->_conn.get()), NATS_OK);
 }
 
 std::string error_reply(int rc, const std::string& text) {
@@ -148,31 +129,28 @@ std::string error_reply(int rc, const std::string& text) {
 }
 
 const std::string kOK = R"({"ReturnCode":0})";
-const std::string kUndecodable = R"({"ReturnCode":-1})";
 const std::string kInjection = "w\r\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config 0\r\n";
 
 // CR LF with protocol text, NUL, blanks, wildcards, '$' and lengths past any control line.
-const std::vector<std::string> kHostileNames = {
-    kInjection,
-    "a\0b"s,
-    "a b",
-    " ",
-    "*",
-    ">",
-    "a.>",
-    "$JS.API.STREAM.PURGE.KV_qv-av-config",
-    "$x",
-    "a\tb",
-    std::string(5000, 'n'),
-    std::string(100000, 'n'),
-};
-// JSON that parses but is not a request.
-const std::vector<std::string> kNotObjects = {"[1]", "\"x\"", "3", "null"};
+std::vector<std::string> hostile_names() {
+    std::vector<std::string> names = {"a b", " ",  "*",    ">",
+                                      "a.>", "$x", "a\tb", "$JS.API.STREAM.PURGE.KV_qv-av-config"};
+    names.insert(names.end(),
+                 {kInjection, "a\0b"s, std::string(5000, 'n'), std::string(100000, 'n')});
+    return names;
+}
 
 struct Case {
     std::string body;
     std::string reply;
 };
+
+// JSON that parses but is not a request: it cannot be decoded.
+std::vector<Case> not_objects() {
+    const std::string undecodable = R"({"ReturnCode":-1})";
+    return {
+        {"[1]", undecodable}, {"\"x\"", undecodable}, {"3", undecodable}, {"null", undecodable}};
+}
 
 // A request as its members in order: name and JSON text; a member without text is left out.
 using Members = std::vector<std::pair<std::string, std::optional<std::string>>>;
@@ -199,21 +177,37 @@ Members with(Members members, const std::string& name, std::optional<std::string
     return members;
 }
 
-// What a required string member can be instead of a usable string: absent, empty, null, a
-// number, an array, an object.
-const std::vector<std::optional<std::string>> kNoStrings = {std::nullopt, "\"\"",     "null",
-                                                            "7",          "[\"r1\"]", "{}"};
-
 // Realms and SIDs that are no single name, and one of a character more than a key may hold.
 std::vector<std::string> hostile_realms() {
-    std::vector<std::string> names = kHostileNames;
+    std::vector<std::string> names = hostile_names();
     names.insert(names.end(), {"..", ".", "/", "a/b", "../x", "$", std::string(512, 'r')});
     return names;
 }
 
-// RequestIDs that are identifiers of a sort and are echoed as they came.
-const std::vector<std::string> kOddRequestIds = {"a\"b\\c", "\r\n\t\x01\x7f", "a\0b"s, "</>",
-                                                 std::string(QVCTRL_REQUEST_ID_MAX, 'i')};
+// `request` with each of `strings` instead a value that is no usable string (absent, empty, null,
+// a number, an array, an object), answered `unread`; and each of `names` set to what is no single
+// name, answered `refused`. Realm and SID together are also tried as two names that are keys
+// each but too long for one key together.
+void add_bad_names(std::vector<Case>& out, const Members& request,
+                   const std::vector<const char*>& strings, const std::string& unread,
+                   const std::vector<const char*>& names, const std::string& refused) {
+    for (const std::optional<std::string>& bad : std::vector<std::optional<std::string>>{
+             std::nullopt, "\"\"", "null", "7", "[\"r1\"]", "{}"}) {
+        for (const char* name : strings) {
+            out.push_back({body_of(with(request, name, bad)), unread});
+        }
+    }
+    for (const std::string& value : hostile_realms()) {
+        for (const char* name : names) {
+            out.push_back({body_of(with(request, name, quoted(value))), refused});
+        }
+    }
+    if (names.size() == 2) {
+        out.push_back({body_of(with(with(request, "realmID", quoted(std::string(300, 'r'))), "SID",
+                                    quoted(std::string(300, 's')))),
+                       refused});
+    }
+}
 
 // The failure replies that echo the request's RequestID.
 std::string echo_failure(const std::string& id, const std::string& text) {
@@ -221,14 +215,25 @@ std::string echo_failure(const std::string& id, const std::string& text) {
            "\"}";
 }
 
-// `reference`, the reply to RequestID "id-1", as it answers `id`.
-std::string answering(std::string reference, const std::string& id) {
-    const std::string plain = "\"ReplytoRequestID\":\"id-1\"";
-    const size_t at = reference.find(plain);
-    EXPECT_NE(at, std::string::npos) << reference;
-    return at == std::string::npos
-               ? reference
-               : reference.replace(at, plain.size(), "\"ReplytoRequestID\":" + quoted(id));
+// RequestIDs that are identifiers of a sort are echoed as they came in `ok`, the reply to "id-1";
+// one longer than any identifier is refused with `failure` and not echoed.
+void add_request_ids(std::vector<Case>& refused, std::vector<Case>& answered,
+                     const Members& request, const std::string& failure, const std::string& ok) {
+    for (const std::string& id : {"a\"b\\c"s, "\r\n\t\x01\x7f"s, "a\0b"s, "</>"s,
+                                  std::string(QVCTRL_REQUEST_ID_MAX, 'i')}) {
+        std::string reply = ok;
+        const std::string plain = "\"ReplytoRequestID\":\"id-1\"";
+        const size_t at = reply.find(plain);
+        EXPECT_NE(at, std::string::npos) << ok;
+        if (at != std::string::npos) {
+            reply.replace(at, plain.size(), "\"ReplytoRequestID\":" + quoted(id));
+        }
+        answered.push_back({body_of(with(request, "RequestID", quoted(id))), reply});
+    }
+    for (const size_t length : {QVCTRL_REQUEST_ID_MAX + 1, size_t{100000}}) {
+        refused.push_back({body_of(with(request, "RequestID", quoted(std::string(length, 'i')))),
+                           echo_failure("", failure)});
+    }
 }
 
 // The daemon with its background bucket reads done, so that from here on only requests make it
@@ -249,9 +254,10 @@ class HostileDaemon : public ::testing::Test {
         configure();
         daemon.write_config();
         ASSERT_TRUE(daemon.start());
-        ASSERT_TRUE(daemon.wait_for_log("Entering main loop")) << daemon.logs();
-        ASSERT_TRUE(daemon.wait_for_log("registry reconcile done")) << daemon.logs();
-        ASSERT_TRUE(daemon.wait_for_log("event-sub reconcile done")) << daemon.logs();
+        for (const char* line :
+             {"Entering main loop", "registry reconcile done", "event-sub reconcile done"}) {
+            ASSERT_TRUE(daemon.wait_for_log(line)) << daemon.logs();
+        }
         bus = std::make_unique<Bus>(server);
         // The watcher sees '$' subjects, or none of its silences would prove anything.
         bus->publish("$KV.qv-test-probe.x");
@@ -263,39 +269,25 @@ class HostileDaemon : public ::testing::Test {
     }
     // Settings and files of a fixture's own, before the daemon starts.
     virtual void configure() {}
-    // Each request gets its reply and the server sees nothing but that exchange.
-    void expect_refused(const std::string& service, const std::vector<Case>& cases) {
-        for (const Case& c : cases) {
-            const std::string shown = qv_escape_for_log(c.body, 100);
-            EXPECT_EQ(bus->request(service, c.body), c.reply) << shown;
-            EXPECT_EQ(bus->strays(service), std::vector<std::string>{}) << shown;
-        }
-    }
-    // Requests that are answered although they carry hostile values where those go nowhere: the
-    // server sees no subject but those in `allowed` (the bucket reads of a plain request) besides
-    // the exchange and the daemon's reply inboxes.
-    void expect_answered(const std::string& service, const std::vector<Case>& cases,
-                         const std::set<std::string>& allowed) {
+    // Each request gets its reply and the server sees nothing but that exchange; with `allowed`
+    // (the subjects a plain request uses), also those and the daemon's reply inboxes, for
+    // requests answered although they carry hostile values where those go nowhere.
+    void expect_replies(const std::string& service, const std::vector<Case>& cases,
+                        const std::set<std::string>* allowed = nullptr) {
         for (const Case& c : cases) {
             const std::string shown = qv_escape_for_log(c.body, 100);
             EXPECT_EQ(bus->request(service, c.body), c.reply) << shown;
             for (const std::string& s : bus->strays(service)) {
-                if (s.rfind("_INBOX.", 0) != 0) {
-                    EXPECT_TRUE(allowed.count(s)) << s << " after " << shown;
-                }
+                EXPECT_TRUE(allowed && (s.rfind("_INBOX.", 0) == 0 || allowed->count(s)))
+                    << s << " after " << shown;
             }
         }
     }
     // The subjects other than reply inboxes that a request makes the daemon use.
     std::set<std::string> subjects_of(const std::string& service, const std::string& body) {
         bus->request(service, body);
-        std::set<std::string> out;
-        for (const std::string& s : bus->strays(service)) {
-            if (s.rfind("_INBOX.", 0) != 0) {
-                out.insert(s);
-            }
-        }
-        return out;
+        const std::vector<std::string> used = but_inboxes(bus->strays(service));
+        return {used.begin(), used.end()};
     }
     void expect_still_answering() {
         EXPECT_EQ(bus->request("qv-av-control.ping", R"({"Command": 3})"), kOK);
@@ -313,13 +305,6 @@ class HostileConfigDaemon : public HostileDaemon {
                            "application/pdf->pdf\n");
         qvtest::write_file(config + "/mime/mimetype-translations.default.default",
                            "application/x-pdf->application/pdf\n");
-    }
-    std::vector<std::string> config_keys() {
-        auto client = qv_client(server);
-        std::vector<std::string> keys = bucket_keys(client.get(), QV_KV_CONFIG_BUCKET);
-        std::sort(keys.begin(), keys.end());
-        qv_nats_deinit(client.get());
-        return keys;
     }
 };
 
@@ -343,33 +328,27 @@ TEST_F(HostileDaemon, WorkerControlRefusesNamesThatAreNoKeysOrSubjects) {
         return R"({"Command": 200, "worker-name": )" + worker + R"(, "service-name": )" + service +
                R"(, "Secret": "s"})";
     };
-    const std::string good_service = quoted("qv-av-trellix");
-    const std::string good_worker = quoted("qv-av-trellix.host_1");
-    std::vector<Case> cases;
-    for (const std::string& name : kHostileNames) {
-        cases.push_back(
-            {registration(quoted(name), good_service), error_reply(-1000, "Invalid worker name")});
-        cases.push_back(
-            {registration(good_worker, quoted(name)), error_reply(-1000, "Invalid service name")});
+    const std::string service = quoted("qv-av-trellix");
+    const std::string worker = quoted("qv-av-trellix.host_1");
+    const std::string bad_worker = error_reply(-1000, "Invalid worker name");
+    const std::string bad_service = error_reply(-1000, "Invalid service name");
+    const std::string unread = error_reply(-1000, "Failed to read worker-name from JSON");
+    std::vector<Case> cases = not_objects();
+    for (const std::string& name : hostile_names()) {
+        cases.push_back({registration(quoted(name), service), bad_worker});
+        cases.push_back({registration(worker, quoted(name)), bad_service});
     }
     // Keys, but no worker's own subject.
     for (const char* name : {"_INBOX.x", "qv-av-events-dispatch", "qv-av-worker-control"}) {
-        cases.push_back(
-            {registration(quoted(name), good_service), error_reply(-1000, "Invalid worker name")});
+        cases.push_back({registration(quoted(name), service), bad_worker});
     }
-    cases.push_back({registration(good_worker, "7"), error_reply(-1000, "Invalid service name")});
-    cases.push_back({R"({"Command": 200, "service-name": "qv-av-trellix"})",
-                     error_reply(-1000, "Failed to read worker-name from JSON")});
-    cases.push_back({registration("\"\"", good_service),
-                     error_reply(-1000, "Key worker-name found, but value is empty")});
-    cases.push_back({registration("{\"a\": 1}", good_service),
-                     error_reply(-1000, "Failed to read worker-name from JSON")});
-    for (const std::string& body : kNotObjects) {
-        cases.push_back({body, kUndecodable});
-    }
-    expect_refused("qv-av-worker-control", cases);
-    auto client = qv_client(server);
-    EXPECT_EQ(bucket_keys(client.get(), QV_KV_REGISTRY_BUCKET), std::vector<std::string>{});
+    cases.insert(cases.end(), {{registration(worker, "7"), bad_service},
+                               {R"({"Command": 200, "service-name": "qv-av-trellix"})", unread},
+                               {registration("\"\"", service),
+                                error_reply(-1000, "Key worker-name found, but value is empty")},
+                               {registration("{\"a\": 1}", service), unread}});
+    expect_replies("qv-av-worker-control", cases);
+    EXPECT_EQ(bucket_keys(server, QV_KV_REGISTRY_BUCKET), std::vector<std::string>{});
     expect_still_answering();
     EXPECT_EQ(bus->request("qv-av-worker-control", R"({"Command": 3})"), kOK);
 
@@ -380,89 +359,76 @@ TEST_F(HostileDaemon, WorkerControlRefusesNamesThatAreNoKeysOrSubjects) {
 }
 
 TEST_F(HostileDaemon, EventServiceStoresAndForwardsNothingForARefusedSubscription) {
-    auto subscribe = [](const std::string& service, const std::string& realm = "\"*\"",
-                        const std::string& sid = "\"*\"", const std::string& host = "\"*\"",
-                        const std::string& modules = "\"*\"") {
-        return R"({"Command": 500, "Service": )" + service + R"(, "realmID": )" + realm +
-               R"(, "SID": )" + sid + R"(, "Hostname": )" + host + R"(, "Modules": )" + modules +
-               "}";
-    };
-    const std::string handler = quoted("qv-test.handler");
-    std::vector<Case> cases;
-    std::vector<std::string> subjects = kHostileNames;
+    const Members subscribe = {{"Command", "500"},        {"Service", quoted("qv-test.handler")},
+                               {"realmID", quoted("*")},  {"SID", quoted("*")},
+                               {"Hostname", quoted("*")}, {"Modules", quoted("*")}};
+    const std::string bad_handler = error_reply(-1000, "Invalid handler subject");
+    const std::string bad_realm = error_reply(-1000, "Invalid realm pattern");
+    std::vector<Case> cases = not_objects();
+    std::vector<std::string> subjects = hostile_names();
     subjects.insert(subjects.end(), {"_INBOX.x", "qv-av-events-dispatch", "qv-av-log"});
     for (const std::string& s : subjects) {
-        cases.push_back({subscribe(quoted(s)), error_reply(-1000, "Invalid handler subject")});
+        cases.push_back({body_of(with(subscribe, "Service", quoted(s))), bad_handler});
     }
-    cases.push_back({subscribe("true"), error_reply(-1000, "Invalid handler subject")});
     // Patterns keep '*' and '?', so only the other hostile texts are refused there.
     for (const std::string& p : std::vector<std::string>{kInjection, "a\0b"s, "a b", ">", "$x",
                                                          std::string(100000, 'p')}) {
-        cases.push_back(
-            {subscribe(handler, quoted(p)), error_reply(-1000, "Invalid realm pattern")});
-        cases.push_back(
-            {subscribe(handler, "\"*\"", quoted(p)), error_reply(-1000, "Invalid SID pattern")});
-        cases.push_back({subscribe(handler, "\"*\"", "\"*\"", quoted(p)),
-                         error_reply(-1000, "Invalid host name pattern")});
-        cases.push_back({subscribe(handler, "\"*\"", "\"*\"", "\"*\"", quoted(p)),
-                         error_reply(-1000, "Invalid module pattern")});
+        for (const auto& [name, reply] :
+             {std::pair{"realmID", bad_realm},
+              {"SID", error_reply(-1000, "Invalid SID pattern")},
+              {"Hostname", error_reply(-1000, "Invalid host name pattern")},
+              {"Modules", error_reply(-1000, "Invalid module pattern")}}) {
+            cases.push_back({body_of(with(subscribe, name, quoted(p))), reply});
+        }
     }
-    cases.push_back({subscribe(handler, "{}"), error_reply(-1000, "Invalid realm pattern")});
-    // A missing or empty member is answered OK, as ever, and stores nothing either.
-    cases.push_back({R"({"Command": 500, "Service": "qv-test.handler"})", kOK});
-    cases.push_back({subscribe("\"\""), kOK});
-    cases.push_back({subscribe(handler, "\"*\"", "\"*\"", "\"*\"", "null"), kOK});
-    // Events: a malformed one is reported; one that matches nobody is forwarded nowhere.
-    cases.push_back({R"({"Command": 501, "Event": {}})",
-                     error_reply(-1000, "Failed to read Component from JSON")});
-    cases.push_back({R"({"Command": 501, "Event": {}, "Component": 5})",
-                     error_reply(-1000, "Failed to read Component from JSON")});
-    cases.push_back({R"({"Command": 501, "Event": {}, "Component": "qv-av-trellix",)"
-                     R"( "Hostname": "$JS.API.>", "realmID": "a\r\nb"})",
-                     kOK});
-    for (const std::string& body : kNotObjects) {
-        cases.push_back({body, kUndecodable});
-    }
-    expect_refused("qv-av-events-dispatch", cases);
-    auto client = qv_client(server);
-    EXPECT_EQ(bucket_keys(client.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET),
-              std::vector<std::string>{});
+    const std::string bad_component = error_reply(-1000, "Failed to read Component from JSON");
+    cases.insert(
+        cases.end(),
+        {{body_of(with(subscribe, "Service", "true")), bad_handler},
+         {body_of(with(subscribe, "realmID", "{}")), bad_realm},
+         // A missing or empty member is answered OK, as ever, and stores nothing either.
+         {R"({"Command": 500, "Service": "qv-test.handler"})", kOK},
+         {body_of(with(subscribe, "Service", "\"\"")), kOK},
+         {body_of(with(subscribe, "Modules", "null")), kOK},
+         // Events: a malformed one is reported; one that matches nobody is forwarded nowhere.
+         {R"({"Command": 501, "Event": {}})", bad_component},
+         {R"({"Command": 501, "Event": {}, "Component": 5})", bad_component},
+         {R"({"Command": 501, "Event": {}, "Component": "qv-av-trellix",)"
+          R"( "Hostname": "$JS.API.>", "realmID": "a\r\nb"})",
+          kOK}});
+    expect_replies("qv-av-events-dispatch", cases);
+    EXPECT_EQ(bucket_keys(server, QV_KV_EVENT_SUBSCRIPTIONS_BUCKET), std::vector<std::string>{});
     expect_still_answering();
 }
 
 TEST_F(HostileDaemon, ClientServiceRefusesRealmsSidsAndServiceNamesThatAreNoNames) {
-    auto request = [](const std::string& realm, const std::string& sid,
-                      const std::string& service) {
-        return R"({"Command": 2, "realmID": )" + realm + R"(, "SID": )" + sid +
-               R"(, "Hostname": "sap01", "Servicename": )" + service + "}";
-    };
-    const std::string realm = quoted("r1");
-    const std::string sid = quoted("PRD");
-    const std::string service = quoted("qv-av-trellix");
-    std::vector<Case> cases;
-    std::vector<std::string> names = kHostileNames;
+    const Members request = {{"Command", "2"},
+                             {"realmID", quoted("r1")},
+                             {"SID", quoted("PRD")},
+                             {"Hostname", quoted("sap01")},
+                             {"Servicename", quoted("qv-av-trellix")}};
+    std::vector<Case> cases = not_objects();
+    std::vector<std::string> names = hostile_names();
     names.insert(names.end(), {"..", "a/b", "${HOME}"});
     for (const std::string& name : names) {
-        cases.push_back({request(quoted(name), sid, service), error_reply(-1, "Invalid realm")});
-        cases.push_back({request(realm, quoted(name), service), error_reply(-1, "Invalid SID")});
+        cases.push_back(
+            {body_of(with(request, "realmID", quoted(name))), error_reply(-1, "Invalid realm")});
+        cases.push_back(
+            {body_of(with(request, "SID", quoted(name))), error_reply(-1, "Invalid SID")});
     }
     for (const std::string& name :
          std::vector<std::string>{kInjection, "a\0b"s, "a b", "*", ">", "$x"}) {
-        cases.push_back(
-            {request(realm, sid, quoted(name)), error_reply(-1, "Invalid service name")});
+        cases.push_back({body_of(with(request, "Servicename", quoted(name))),
+                         error_reply(-1, "Invalid service name")});
     }
-    cases.push_back(
-        {R"({"Command": 2, "SID": "PRD"})", error_reply(-1, "Failed to read realmID from JSON")});
-    cases.push_back(
-        {request("\"\"", sid, service), error_reply(-1, "Key realmID found, but value is empty")});
-    cases.push_back(
-        {request("[]", sid, service), error_reply(-1, "Failed to read realmID from JSON")});
-    for (const std::string& body : kNotObjects) {
-        cases.push_back({body, kUndecodable});
-    }
-    expect_refused("qv-av-control", cases);
+    const std::string unread = error_reply(-1, "Failed to read realmID from JSON");
+    cases.insert(cases.end(), {{R"({"Command": 2, "SID": "PRD"})", unread},
+                               {body_of(with(request, "realmID", "\"\"")),
+                                error_reply(-1, "Key realmID found, but value is empty")},
+                               {body_of(with(request, "realmID", "[]")), unread}});
+    expect_replies("qv-av-control", cases);
     expect_still_answering();
-    EXPECT_EQ(bus->request("qv-av-control", request(realm, sid, service)), kOK);
+    EXPECT_EQ(bus->request("qv-av-control", body_of(request)), kOK);
 }
 
 // Entries written straight into the registry bucket by a client with credentials.
@@ -472,22 +438,23 @@ TEST(HostileRegistryEntries, AreNeverProjectedNorFlushedWhileTheirKeysStillShiel
     ASSERT_EQ(server.create_buckets(), 0);
     qvtest::LogCapture log;
     auto config = qvctrl_config_new();
-    config->main_nats_config = qv_client(server);
+    config->main_nats_config = server.client_config();
+    ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
     config->controlled_services = {{"qv-av-mimescan"}};
     config->worker_registry_enabled = true;
     config->worker_registry_sync_interval_ms = 1000;
     Bus bus(server);
-    auto document = [](const std::string& worker) {
-        return R"({"service-name": "qv-av-mimescan", "worker-name": )" + quoted(worker) +
-               R"(, "Secret": "s"})";
-    };
     const std::string prefix = std::string("$KV.") + QV_KV_REGISTRY_BUCKET + ".";
-    ASSERT_TRUE(bus.store(prefix + "_INBOX.abc", document("_INBOX.abc")));
-    ASSERT_TRUE(bus.store(prefix + "qv-av-mimescan.$x", document("qv-av-mimescan.$x")));
-    ASSERT_TRUE(bus.store(prefix + "qv-av-mimescan.h~1", document("qv-av-mimescan.h~1")));
-    // A valid key whose document names one of the daemon's own subjects.
-    ASSERT_TRUE(bus.store(prefix + "qv-av-mimescan.h_2", document("qv-av-control")));
-    ASSERT_TRUE(bus.store(prefix + "qv-av-mimescan.good_1", document("qv-av-mimescan.good_1")));
+    // The last but one is a valid key whose document names one of the daemon's own subjects.
+    for (const auto& [key, worker] : {std::pair{"_INBOX.abc", "_INBOX.abc"},
+                                      {"qv-av-mimescan.$x", "qv-av-mimescan.$x"},
+                                      {"qv-av-mimescan.h~1", "qv-av-mimescan.h~1"},
+                                      {"qv-av-mimescan.h_2", "qv-av-control"},
+                                      {"qv-av-mimescan.good_1", "qv-av-mimescan.good_1"}}) {
+        ASSERT_TRUE(
+            bus.store(prefix + key, R"({"service-name": "qv-av-mimescan", "worker-name": )" +
+                                        quoted(worker) + R"(, "Secret": "s"})"));
+    }
     // Projected before its entry was rewritten: its key keeps it, but it is never sent to.
     auto old = std::make_shared<qv_active_worker_t>();
     old->servicename = "qv-av-mimescan";
@@ -505,55 +472,57 @@ TEST(HostileRegistryEntries, AreNeverProjectedNorFlushedWhileTheirKeysStillShiel
         running.push_back(walk.next()->controlservicename);
     }
     EXPECT_EQ(running, (std::vector<std::string>{"_INBOX.abc", "qv-av-mimescan.good_1"}));
-    EXPECT_TRUE(log.contains("registry reconcile: skipping invalid worker key: '_INBOX.abc'"));
-    EXPECT_TRUE(
-        log.contains("registry reconcile: skipping invalid worker key: 'qv-av-mimescan.$x'"));
-    EXPECT_TRUE(log.contains(
-        "Registry: skipping registration with an invalid worker name: 'qv-av-control'"));
+    for (const char* line : {"registry reconcile: skipping invalid worker key: '_INBOX.abc'",
+                             "registry reconcile: skipping invalid worker key: 'qv-av-mimescan.$x'",
+                             "Registry: skipping registration with an invalid worker name: "
+                             "'qv-av-control'"}) {
+        EXPECT_TRUE(log.contains(line)) << line;
+    }
 
-    // The flush reaches the valid worker only.
-    auto worker_connection = qv_client(server);
+    // The flush reaches the valid worker only. Its subscription is live before anything is sent
+    // (the watcher would otherwise take the first request alone).
     std::atomic<int> worker_stop{0};
     std::atomic<int> flushes{0};
-    // The worker's subscription is live before anything is sent (the watcher would otherwise
-    // take the first request alone).
-    ASSERT_NO_FATAL_FAILURE(
-        serve_counting(worker_connection.get(), "qv-av-mimescan.good_1", &flushes, &worker_stop));
+    qvtest::NatsClient worker(server);
+    ASSERT_EQ(qv_nats_start_service_handler_threads(
+                  worker.get(), "qv-av-mimescan.good_1",
+                  [](void* calls, qv_const_request_reply_t* rr) {
+                      ++*static_cast<std::atomic<int>*>(calls);
+                      rr->reply->json_txt = "{\"ReturnCode\": 0}";
+                      return 0;
+                  },
+                  &flushes, &worker_stop, 1),
+              0);
+    ASSERT_EQ(natsConnection_Flush(worker.get()->_conn.get()), NATS_OK);
     bus.seen();
     qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", nullptr, nullptr);
     EXPECT_EQ(flushes.load(), 1);
-    std::vector<std::string> sent;
-    for (const std::string& s : bus.seen()) {
-        if (s.rfind("_INBOX.", 0) != 0 || s == "_INBOX.abc") {
-            sent.push_back(s);
-        }
-    }
-    EXPECT_EQ(sent, std::vector<std::string>{"qv-av-mimescan.good_1"});
+    EXPECT_EQ(but_inboxes(bus.seen(), "_INBOX.abc"),
+              std::vector<std::string>{"qv-av-mimescan.good_1"});
     worker_stop = 1;
-    qv_nats_deinit(worker_connection.get());
     qv_nats_deinit(config->main_nats_config.get());
 }
 
 // Subscriptions written straight into the subscription bucket under keys that are no handler's
-// subject, or with scopes that are no pattern lists.
-TEST(HostileSubscriptionEntries, AreNeverProjectedNorForwardedTo) {
+// subject, or with scopes that are no pattern lists. (What is not projected is forwarded nowhere.)
+TEST(HostileSubscriptionEntries, AreNeverProjected) {
     NatsServer server;
     ASSERT_TRUE(server.start());
     ASSERT_EQ(server.create_buckets(), 0);
     qvtest::LogCapture log;
     auto config = qvctrl_config_new();
-    config->main_nats_config = qv_client(server);
+    config->main_nats_config = server.client_config();
+    ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
     config->event_subscription_kv_enabled = true;
     Bus bus(server);
     const std::string scope = R"({"realmID": "*", "SID": "*", "Hostname": "*", "Modules": "*"})";
     const std::string prefix = std::string("$KV.") + QV_KV_EVENT_SUBSCRIPTIONS_BUCKET + ".";
-    for (const std::string& key : {"$JS.API.STREAM.PURGE.KV_qv-av-config"s,
-                                   "qv-av-events-dispatch"s, "_INBOX.x"s, "qv-test.h~1"s}) {
+    for (const char* key : {"$JS.API.STREAM.PURGE.KV_qv-av-config", "qv-av-events-dispatch",
+                            "_INBOX.x", "qv-test.h~1", "qv-test.good"}) {
         ASSERT_TRUE(bus.store(prefix + key, scope)) << key;
     }
     ASSERT_TRUE(bus.store(prefix + "qv-test.scope",
                           R"({"realmID": "*", "SID": "*", "Hostname": "a b", "Modules": "*"})"));
-    ASSERT_TRUE(bus.store(prefix + "qv-test.good", scope));
 
     ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
     ASSERT_EQ(config->event_workers_list.size(), 1u);
@@ -565,31 +534,11 @@ TEST(HostileSubscriptionEntries, AreNeverProjectedNorForwardedTo) {
         log.contains("event-sub: skipping subscription of 'qv-test.scope' with an "
                      "invalid Hostname pattern list: 'a b'"));
 
-    auto handler_connection = qv_client(server);
-    std::atomic<int> stop{0};
-    std::atomic<int> events{0};
-    ASSERT_NO_FATAL_FAILURE(
-        serve_counting(handler_connection.get(), "qv-test.good", &events, &stop));
-    bus.seen();
-    qv_request_reply_t rr;
-    rr.request.json_txt = R"({"Command": 501, "Event": {}, "Component": "qv-av-trellix"})";
-    qv_const_request_reply_t crr{&rr.request, &rr.reply};
-    ASSERT_EQ(qv_av_control_event_request_handler(config.get(), &crr), 0);
-    EXPECT_EQ(rr.reply.json_txt, "{\"ReturnCode\": 0}");
-    EXPECT_EQ(events.load(), 1);
-    std::vector<std::string> sent;
-    for (const std::string& s : bus.seen()) {
-        if (s.rfind("_INBOX.", 0) != 0 || s == "_INBOX.x") {
-            sent.push_back(s);
-        }
-    }
-    EXPECT_EQ(sent, std::vector<std::string>{"qv-test.good"});
+    // No key was taken for a subject.
     std::string value;
     EXPECT_EQ(qv_nats_kv_get(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET, "probe", &value),
               1)
         << "the configuration bucket is still there";
-    stop = 1;
-    qv_nats_deinit(handler_connection.get());
     qv_nats_deinit(config->main_nats_config.get());
 }
 
@@ -604,8 +553,8 @@ TEST_F(HostileConfigDaemon, VsaAndTenantRequestsRefuseWhatIsNoRealmSidOrRequestI
     // The first one is built from the files and written back; the next one is a bucket hit.
     const std::string vsa_ok = bus->request(service, body_of(vsa));
     ASSERT_EQ(vsa_ok.rfind("{\"SCAN\":[[", 0), 0u) << vsa_ok;
+    ASSERT_TRUE(bus->settle());
     const std::set<std::string> hit = subjects_of(service, body_of(vsa));
-    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
     const std::string tenant_ok = bus->request(service, body_of(tenant));
     EXPECT_EQ(tenant_ok, R"({"ReplytoRequestID":"id-1","ReturnCode":0,"tenantID":"on-premises",)"
                          R"("realmName":"local"})");
@@ -613,48 +562,17 @@ TEST_F(HostileConfigDaemon, VsaAndTenantRequestsRefuseWhatIsNoRealmSidOrRequestI
 
     const std::string vsa_failed = "Failed to load SCAN config";
     const std::string tenant_failed = "Failed to retrieve tenantID or realmName";
-    std::vector<Case> refused;
-    for (const auto& bad : kNoStrings) {
-        // Kept: a RequestID that was not read is echoed as "(null)".
-        for (const char* name : {"realmID", "SID", "RequestID"}) {
-            refused.push_back({body_of(with(vsa, name, bad)), echo_failure("(null)", vsa_failed)});
-        }
-        for (const char* name : {"realmID", "RequestID"}) {
-            refused.push_back(
-                {body_of(with(tenant, name, bad)), echo_failure("(null)", tenant_failed)});
-        }
-    }
-    for (const std::string& name : hostile_realms()) {
-        refused.push_back(
-            {body_of(with(vsa, "realmID", quoted(name))), echo_failure("id-1", vsa_failed)});
-        refused.push_back(
-            {body_of(with(vsa, "SID", quoted(name))), echo_failure("id-1", vsa_failed)});
-        refused.push_back(
-            {body_of(with(tenant, "realmID", quoted(name))), echo_failure("id-1", tenant_failed)});
-    }
-    // Two names that are keys each but too long for one key together.
-    refused.push_back({body_of(with(with(vsa, "realmID", quoted(std::string(300, 'r'))), "SID",
-                                    quoted(std::string(300, 's')))),
-                       echo_failure("id-1", vsa_failed)});
-    // A RequestID longer than any identifier is refused and not echoed.
-    for (const size_t length : {QVCTRL_REQUEST_ID_MAX + 1, size_t{100000}}) {
-        const std::string id = quoted(std::string(length, 'i'));
-        refused.push_back({body_of(with(vsa, "RequestID", id)), echo_failure("", vsa_failed)});
-        refused.push_back(
-            {body_of(with(tenant, "RequestID", id)), echo_failure("", tenant_failed)});
-    }
-    for (const std::string& body : kNotObjects) {
-        refused.push_back({body, kUndecodable});
-    }
-    expect_refused(service, refused);
-
+    std::vector<Case> refused = not_objects();
     std::vector<Case> answered;
-    for (const std::string& id : kOddRequestIds) {
-        answered.push_back({body_of(with(vsa, "RequestID", quoted(id))), answering(vsa_ok, id)});
-        answered.push_back(
-            {body_of(with(tenant, "RequestID", quoted(id))), answering(tenant_ok, id)});
-    }
-    expect_answered(service, answered, hit);
+    // Kept: a RequestID that was not read is echoed as "(null)".
+    add_bad_names(refused, vsa, {"realmID", "SID", "RequestID"}, echo_failure("(null)", vsa_failed),
+                  {"realmID", "SID"}, echo_failure("id-1", vsa_failed));
+    add_bad_names(refused, tenant, {"realmID", "RequestID"}, echo_failure("(null)", tenant_failed),
+                  {"realmID"}, echo_failure("id-1", tenant_failed));
+    add_request_ids(refused, answered, vsa, vsa_failed, vsa_ok);
+    add_request_ids(refused, answered, tenant, tenant_failed, tenant_ok);
+    expect_replies(service, refused);
+    expect_replies(service, answered, &hit);
 
     // A stored value that is JSON but no configuration is a miss like one that is no JSON: the
     // files are read again and replace it.
@@ -663,7 +581,7 @@ TEST_F(HostileConfigDaemon, VsaAndTenantRequestsRefuseWhatIsNoRealmSidOrRequestI
         EXPECT_EQ(bus->request(service, body_of(vsa)), vsa_ok) << stored;
     }
     bus->seen();
-    EXPECT_EQ(config_keys(), std::vector<std::string>{"scan.r1.PRD"});
+    EXPECT_EQ(bucket_keys(server, QV_KV_CONFIG_BUCKET), std::vector<std::string>{"scan.r1.PRD"});
     expect_still_answering();
 }
 
@@ -681,51 +599,30 @@ TEST_F(HostileConfigDaemon, ConsolidatedInitFailsAsAWholeOnWhatIsNoRealmSidOrReq
                        0),
               0u)
         << ok;
+    ASSERT_TRUE(bus->settle());
     const std::set<std::string> hit = subjects_of(service, body_of(init));
-    ASSERT_FALSE(hit.empty()) << "a hit reads the bucket";
 
     const std::string failed = "CONSOLIDATED_INIT failed";
-    std::vector<Case> refused;
-    for (const auto& bad : kNoStrings) {
-        for (const char* name : {"realmID", "SID", "Hostname", "RequestID"}) {
-            refused.push_back({body_of(with(init, name, bad)), echo_failure("", failed)});
-        }
-    }
-    for (const std::string& name : hostile_realms()) {
-        refused.push_back(
-            {body_of(with(init, "realmID", quoted(name))), echo_failure("id-1", failed)});
-        refused.push_back({body_of(with(init, "SID", quoted(name))), echo_failure("id-1", failed)});
-    }
-    refused.push_back({body_of(with(with(init, "realmID", quoted(std::string(300, 'r'))), "SID",
-                                    quoted(std::string(300, 's')))),
-                       echo_failure("id-1", failed)});
-    for (const size_t length : {QVCTRL_REQUEST_ID_MAX + 1, size_t{100000}}) {
-        refused.push_back({body_of(with(init, "RequestID", quoted(std::string(length, 'i')))),
-                           echo_failure("", failed)});
-    }
+    std::vector<Case> refused = not_objects();
+    std::vector<Case> answered;
+    add_bad_names(refused, init, {"realmID", "SID", "Hostname", "RequestID"},
+                  echo_failure("", failed), {"realmID", "SID"}, echo_failure("id-1", failed));
+    add_request_ids(refused, answered, init, failed, ok);
     // "Services" must be an array of a sensible length.
-    std::string too_many = "[";
-    for (int i = 0; i < 257; ++i) {
-        too_many += i == 0 ? "1" : ",1";
+    std::string too_many = "[1";
+    for (int i = 1; i < 257; ++i) {
+        too_many += ",1";
     }
-    too_many += "]";
     for (const auto& services : std::vector<std::optional<std::string>>{
              std::nullopt, "\"qv-av-trellix\"", "{}", "7", "null", quoted(std::string(100000, 's')),
-             too_many}) {
+             too_many + "]"}) {
         refused.push_back(
             {body_of(with(init, "Services", services)), echo_failure("id-1", failed)});
     }
-    for (const std::string& body : kNotObjects) {
-        refused.push_back({body, kUndecodable});
-    }
-    expect_refused(service, refused);
+    expect_replies(service, refused);
 
     // Host names go nowhere, elements that are no strings are skipped, and a service name is
     // looked up among the registered workers only, however it reads.
-    std::vector<Case> answered;
-    for (const std::string& id : kOddRequestIds) {
-        answered.push_back({body_of(with(init, "RequestID", quoted(id))), answering(ok, id)});
-    }
     for (const char* name : {"Hostname", "SAP-VirtualHostname", "SAP-VirtualHostnameLong"}) {
         answered.push_back({body_of(with(init, name, quoted(kInjection))), ok});
         answered.push_back({body_of(with(init, name, quoted(std::string(100000, 'h')))), ok});
@@ -743,9 +640,9 @@ TEST_F(HostileConfigDaemon, ConsolidatedInitFailsAsAWholeOnWhatIsNoRealmSidOrReq
         {body_of(with(init, "Services",
                       "[" + quoted(kInjection) + ", " + quoted(std::string(100000, 'S')) + "]")),
          absent});
-    expect_answered(service, answered, hit);
+    expect_replies(service, answered, &hit);
 
-    EXPECT_EQ(config_keys(), std::vector<std::string>{"scan.r1.PRD"});
+    EXPECT_EQ(bucket_keys(server, QV_KV_CONFIG_BUCKET), std::vector<std::string>{"scan.r1.PRD"});
     expect_still_answering();
 }
 
@@ -765,52 +662,36 @@ TEST_F(HostileConfigDaemon, WorkerConfigurationRequestsRefuseWhatIsNoRealmOrSid)
         const std::string body = body_of(with(base, "Command", std::to_string(kind.command)));
         kind.ok = bus->request(service, body);
         EXPECT_NE(kind.ok.find(",\"ReturnCode\":0}"), std::string::npos) << kind.ok;
+        ASSERT_TRUE(bus->settle());
         hits.merge(subjects_of(service, body));
     }
     const std::string hash = bus->request(service, R"({"Command": 11})");
     ASSERT_EQ(hash.rfind(R"({"ReturnCode":-1000,"Confighash":")", 0), 0u) << hash;
 
-    std::vector<Case> refused;
+    std::vector<Case> refused = not_objects();
+    std::vector<Case> answered;
     for (const Kind& kind : kinds) {
         const Members request = with(base, "Command", std::to_string(kind.command));
-        const std::string failure = error_reply(-1000, kind.failure);
         // "Command" is read after realm and SID: a request that fails before it names the
         // extension map, whatever it asked for.
-        const std::string unread =
-            error_reply(-1000, kind.command == 205 ? kinds[1].failure : kind.failure);
-        for (const auto& bad : kNoStrings) {
-            refused.push_back({body_of(with(request, "realmID", bad)), unread});
-            refused.push_back({body_of(with(request, "SID", bad)), unread});
-        }
-        for (const std::string& name : hostile_realms()) {
-            refused.push_back({body_of(with(request, "realmID", quoted(name))), failure});
-            refused.push_back({body_of(with(request, "SID", quoted(name))), failure});
-        }
-        refused.push_back({body_of(with(with(request, "realmID", quoted(std::string(300, 'r'))),
-                                        "SID", quoted(std::string(300, 's')))),
-                           failure});
-    }
-    for (const std::string& body : kNotObjects) {
-        refused.push_back({body, kUndecodable});
+        add_bad_names(refused, request, {"realmID", "SID"},
+                      error_reply(-1000, kind.command == 205 ? kinds[1].failure : kind.failure),
+                      {"realmID", "SID"}, error_reply(-1000, kind.failure));
+        // Members a request does not use change nothing.
+        answered.push_back(
+            {body_of(with(with(request, "RequestID", quoted(std::string(100000, 'i'))), "Hostname",
+                          quoted(kInjection))),
+             kind.ok});
     }
     // The hash request reads nothing of the request.
     refused.push_back({body_of({{"Command", "11"},
                                 {"realmID", quoted(kInjection)},
                                 {"SID", quoted(std::string(100000, 's'))}}),
                        hash});
-    expect_refused(service, refused);
+    expect_replies(service, refused);
+    expect_replies(service, answered, &hits);
 
-    // Members a request does not use change nothing.
-    std::vector<Case> answered;
-    for (const Kind& kind : kinds) {
-        answered.push_back({body_of(with(with(with(base, "Command", std::to_string(kind.command)),
-                                              "RequestID", quoted(std::string(100000, 'i'))),
-                                         "Hostname", quoted(kInjection))),
-                            kind.ok});
-    }
-    expect_answered(service, answered, hits);
-
-    EXPECT_EQ(config_keys(),
+    EXPECT_EQ(bucket_keys(server, QV_KV_CONFIG_BUCKET),
               (std::vector<std::string>{"ac.r1.PRD", "mimeext.r1.PRD", "mimexlat.r1.PRD"}));
     expect_still_answering();
 }
@@ -827,20 +708,21 @@ TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
                               {"ScanLog", R"({"LogData": {"Filename": "a"}, "ScanLogPath": "p"})"},
                               {"ErrorLog", R"({"LogData": {"Message": "x"}})"}};
     // Text that would be a line of its own, and one far longer than any field.
-    const std::string forged = "a\r\n{\"LogType\":\"forged\"}\r\n\n\rb";
-    const std::string huge(100000, 'h');
+    const std::string forged = quoted("a\r\n{\"LogType\":\"forged\"}\r\n\n\rb");
+    const std::string huge = quoted(std::string(100000, 'h'));
     auto scan = [](const std::string& value) {
         return R"({"LogData": {"Filename": )" + value + R"(, "RealmID": "../x"}, "ScanLogPath": )" +
                value + "}";
     };
+    // Ten lines in all.
     const std::vector<Case> written = {
         {body_of(envelope), kOK},
-        {body_of(with(with(with(envelope, "Hostname", quoted(forged)), "EventID", quoted(forged)),
-                      "Component", quoted(forged))),
+        {body_of(with(with(with(envelope, "Hostname", forged), "EventID", forged), "Component",
+                      forged)),
          kOK},
-        {body_of(with(envelope, "ScanLog", scan(quoted(forged)))), kOK},
-        {body_of(with(with(with(envelope, "Hostname", quoted(huge)), "Timestamp", quoted(huge)),
-                      "ScanLog", scan(quoted(huge)))),
+        {body_of(with(envelope, "ScanLog", scan(forged))), kOK},
+        {body_of(with(with(with(envelope, "Hostname", huge), "Timestamp", huge), "ScanLog",
+                      scan(huge))),
          kOK},
         // No realm: the lines go to the base directories themselves.
         {body_of(with(envelope, "realmID", std::nullopt)), kOK},
@@ -850,27 +732,26 @@ TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
              "EPOLog", R"({"LogData": {"a": 1}})")),
          kOK},
     };
-    const size_t lines_written = 10;
-    std::vector<Case> refused;
-    std::vector<std::string> realms = hostile_realms();
-    realms.insert(realms.end(), {"/etc", "../../x", "r1/../../x"});
-    for (const std::string& realm : realms) {
-        refused.push_back({body_of(with(envelope, "realmID", quoted(realm))),
-                           error_reply(-1000, "Invalid realm")});
+    std::vector<Case> refused = {
+        {body_of(with(envelope, "EventID", std::nullopt)),
+         error_reply(-1000, "Failed to create log lines")},
+        {body_of(with(envelope, "LogVersion", "2")),
+         error_reply(-1000, "Log version 2 not supported by this logger (version 1)")}};
+    std::vector<std::string> realms = {"7", "[\"r1\"]", "{}"};
+    for (const std::string& realm : hostile_realms()) {
+        realms.push_back(quoted(realm));
     }
-    for (const char* realm : {"7", "[\"r1\"]", "{}"}) {
+    for (const char* realm : {"/etc", "../../x", "r1/../../x"}) {
+        realms.push_back(quoted(realm));
+    }
+    for (const std::string& realm : realms) {
         refused.push_back(
             {body_of(with(envelope, "realmID", realm)), error_reply(-1000, "Invalid realm")});
     }
-    refused.push_back({body_of(with(envelope, "EventID", std::nullopt)),
-                       error_reply(-1000, "Failed to create log lines")});
-    refused.push_back(
-        {body_of(with(envelope, "LogVersion", "2")),
-         error_reply(-1000, "Log version 2 not supported by this logger (version 1)")});
-    expect_refused(service, written);
-    expect_refused(service, refused);
-    for (const std::string& body : kNotObjects) {
-        const std::string reply = bus->request(service, body);
+    expect_replies(service, written);
+    expect_replies(service, refused);
+    for (const Case& c : not_objects()) {
+        const std::string reply = bus->request(service, c.body);
         EXPECT_EQ(reply.rfind("{\"ReturnCode\":-1000,\"Error\":\"", 0), 0u) << reply;
     }
 
@@ -892,15 +773,6 @@ TEST_F(HostileJsonLogDaemon, WritesOneLineASectionAndNothingOutsideItsTree) {
             start = end + 2;
         }
     }
-    EXPECT_EQ(lines, lines_written);
-    // The sender's members come first, then the daemon's own, with its broker as realm name.
-    EXPECT_EQ(qvtest::read_file(log_tree() + "/ERROR/r1/error.log")
-                  .rfind(R"({"Message":"x","LogVersion":1,"LogType":"ErrorLog","TimestampEpoch":0,)"
-                         R"("Timestamp":"1970-01-01 00:00:00","Component":"qv-av-trellix",)"
-                         R"("Hostname":"node7","EventID":"e-1","RealmID":"r1",)"
-                         R"("Tenant":"on-premises","RealmName":"local"})"
-                         "\r\n",
-                         0),
-              0u);
+    EXPECT_EQ(lines, 10u);
     expect_still_answering();
 }

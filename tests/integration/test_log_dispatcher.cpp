@@ -69,19 +69,18 @@ struct LogDispatcherService : ::testing::Test {
     Recorder logs;
     Recorder events;
     std::atomic<int> stop{0};
-    std::unique_ptr<qv_nats_config> service;  // the recording services' connection
+    std::unique_ptr<qvtest::NatsClient> service;  // the recording services' connection
     qvtest::TempDir run;
     std::unique_ptr<qv_pqueue> pq;
     std::vector<std::string> traces;
 
     void SetUp() override {
         ASSERT_TRUE(server.start());
-        service = connect();
-        ASSERT_TRUE(service);
-        ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-log",
+        service = std::make_unique<qvtest::NatsClient>(server);
+        ASSERT_EQ(qv_nats_start_service_handler_threads(service->get(), "qv-av-log",
                                                         Recorder::handle, &logs, &stop, 2),
                   0);
-        ASSERT_EQ(qv_nats_start_service_handler_threads(service.get(), "qv-av-events-dispatch",
+        ASSERT_EQ(qv_nats_start_service_handler_threads(service->get(), "qv-av-events-dispatch",
                                                         Recorder::handle, &events, &stop, 1),
                   0);
         pq = qv_pqueue_open(run.path().c_str(), "qv-av-control.pq", 10000, 50000000, O_CREAT,
@@ -90,18 +89,10 @@ struct LogDispatcherService : ::testing::Test {
     }
     void TearDown() override {
         stop = 1;
-        qv_nats_deinit(service.get());
+        service.reset();
         for (const std::string& trace : traces) {
             sem_unlink(("qv_log_" + std::string(qvhlp_FlattenPath(trace.c_str()))).c_str());
         }
-    }
-
-    std::unique_ptr<qv_nats_config> connect() {
-        auto cfg = server.client_config();
-        if (qv_nats_init(cfg.get()) != 0) {
-            return nullptr;
-        }
-        return cfg;
     }
 
     // Pushes `count` log entries as a producer would; returns their texts.
@@ -147,7 +138,7 @@ TEST_F(LogDispatcherService, DeliversEachKindRetriesRejectionsAndWaitsOutABroker
         event.erase(text);
     }
     logs.reject = 2;
-    auto client = connect();
+    qvtest::NatsClient client(server);
     auto dispatcher = qv_log_create_log_dispatcher(run.path().c_str(), client.get());
     ASSERT_TRUE(dispatcher);
     ASSERT_TRUE(qvtest::wait_until([&] { return logs.distinct() == pushed; }));
@@ -167,8 +158,6 @@ TEST_F(LogDispatcherService, DeliversEachKindRetriesRejectionsAndWaitsOutABroker
                                    std::chrono::seconds(60)))
         << logs.distinct().size() << " of " << pushed.size() << " delivered";
     EXPECT_TRUE(log.contains("NATS: connection lost"));
-    dispatcher.reset();
-    qv_nats_deinit(client.get());
 }
 
 TEST_F(LogDispatcherService, ProcessKilledMidBatchLosesNothing) {
@@ -221,20 +210,18 @@ TEST(LogDispatcherDaemon, QueuedEntriesBecomeLinesInTheDaemonsLogs) {
     std::set<std::string> expected;
     int i = 0;
     for (const qv::json_ptr& msg : enqueue_status(pq.get(), "ready", 0, 12)) {
-        json_object* ts = nullptr;
-        json_object* id = nullptr;
-        json_object_object_get_ex(msg.get(), "Timestamp", &ts);
-        json_object_object_get_ex(msg.get(), "EventID", &id);
-        expected.insert(std::string(json_object_get_string(ts)) + ";qv-av-control;" +
-                        json_object_get_string(id) + ";" + qvhlp_GetMyFQDN() + ";ready " +
-                        std::to_string(i++) + "\r\n");
+        const auto member = [&](const char* name) {
+            return std::string(json_object_get_string(json_object_object_get(msg.get(), name)));
+        };
+        expected.insert(member("Timestamp") + ";qv-av-control;" + member("EventID") + ";" +
+                        qvhlp_GetMyFQDN() + ";ready " + std::to_string(i++) + "\r\n");
     }
     qv::json_ptr scan = qv_log_create_message_with_eventID("scan-1");
-    qv::json_ptr data(json_object_new_object());
-    json_object_object_add(data.get(), "Filename", json_object_new_string("/in/a.pdf"));
-    json_object_object_add(data.get(), "MIME-type", json_object_new_string("application/pdf"));
-    json_object_object_add(data.get(), "Result-Text", json_object_new_string("clean"));
-    ASSERT_EQ(qv_log_add_scanlog_section(scan.get(), "daily.log", "r2", std::move(data)), 0);
+    ASSERT_EQ(
+        qv_log_add_scanlog_section(scan.get(), "daily.log", "r2",
+                                   qv_json_parse(R"({"Filename": "/in/a.pdf", "MIME-type":)"
+                                                 R"( "application/pdf", "Result-Text": "clean"})")),
+        0);
     ASSERT_EQ(qv_log_enqueue(pq.get(), 'L', scan.get()), 0);
 
     qvtest::NatsClient client(server);

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <barrier>
-#include <map>
 #include <thread>
 
 #include "log_capture.h"
@@ -27,6 +26,59 @@ std::vector<unsigned char> pattern(size_t n) {
     return v;
 }
 
+// A member of a reply object as text ("" without one) or as a number (-1 without one).
+std::string text(json_object* object, const char* key) {
+    json_object* m = nullptr;
+    return json_object_object_get_ex(object, key, &m) ? json_object_get_string(m) : "";
+}
+int64_t number(json_object* object, const char* key) {
+    json_object* m = nullptr;
+    return json_object_object_get_ex(object, key, &m) ? json_object_get_int64(m) : -1;
+}
+
+// Answers with the size of the staged payload it received, the key it came under, and whether
+// the request text still showed "_kv_key".
+int payload_probe(void*, qv_const_request_reply_t* rr) {
+    const bool leaked_key = rr->request->json_txt.find("_kv_key") != std::string::npos;
+    rr->reply->json_txt =
+        "{\"ReturnCode\": 0, \"Size\": " + std::to_string(rr->request->data_len()) +
+        ", \"Leaked\": " + (leaked_key ? "true" : "false") + ", \"Key\": \"" +
+        rr->request->staged_data_key + "\"}";
+    return 0;
+}
+
+std::atomic<int> s_probe_calls{0};
+int counting_probe(void* context, qv_const_request_reply_t* rr) {
+    s_probe_calls++;
+    return payload_probe(context, rr);
+}
+
+std::atomic<int> s_holding{0};
+std::atomic<int> s_most_holding{0};
+// Holds its payload for a moment, as a handler that scans it would.
+int holding_probe(void* context, qv_const_request_reply_t* rr) {
+    const int now = ++s_holding;
+    int most = s_most_holding.load();
+    while (now > most && !s_most_holding.compare_exchange_weak(most, now)) {
+    }
+    std::this_thread::sleep_for(100ms);
+    s_holding--;
+    return payload_probe(context, rr);
+}
+
+// The value of `header` on the last message stored for `key` in `bucket`; "<none>" without one.
+std::string stored_header(qv_nats_config* cfg, const std::string& bucket, const std::string& key,
+                          const char* header) {
+    natsMsg* raw = nullptr;
+    if (js_GetLastMsg(&raw, cfg->_js.get(), ("KV_" + bucket).c_str(),
+                      ("$KV." + bucket + "." + key).c_str(), nullptr, nullptr) != NATS_OK) {
+        return "<no message>";
+    }
+    qv::nats_msg_ptr msg(raw);
+    const char* value = nullptr;
+    return natsMsgHeader_Get(raw, header, &value) == NATS_OK ? value : "<none>";
+}
+
 struct KvFixture : ::testing::Test {
     NatsServer server;
     std::unique_ptr<qv_nats_config> cfg;
@@ -48,50 +100,41 @@ struct KvFixture : ::testing::Test {
         int rc = qv_nats_kv_get(cfg.get(), bucket, key.c_str(), &v);
         return rc == 0 ? v : "<" + std::to_string(rc) + ">";
     }
-    // Sends a request naming the payload staged under `key` to `service`, whose handler answers
-    // with the size it received; that size, or -1 without an answer.
-    int64_t staged_size(const char* service, const std::string& key, uint64_t timeout_ms) {
+    // Entries in the scan-data bucket as they are, manifests and chunks alike: key, value, key...
+    void put_scan_data(const std::vector<const char*>& entries) {
+        for (size_t i = 0; i + 1 < entries.size(); i += 2) {
+            EXPECT_EQ(
+                qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, entries[i], entries[i + 1], 0), 0)
+                << entries[i];
+        }
+    }
+    int serve(const char* service, qv_service_handler_t handler, int threads) {
+        return qv_nats_start_service_handler_threads(cfg.get(), service, handler, nullptr, &stop,
+                                                     threads);
+    }
+    std::string stage(size_t size, int64_t timeout_ms) {
+        const auto data = pattern(size);
+        std::string key;
+        EXPECT_EQ(qv_nats_stage_scan_data(cfg.get(), data.data(), size, timeout_ms, &key, nullptr),
+                  0);
+        return key;
+    }
+    // The reply of a payload probe serving `service` to a request that carries `data`, or names
+    // the payload staged under `key`.
+    qv::json_ptr probe(const char* service, std::vector<unsigned char> data,
+                       const std::string& key = "", uint64_t timeout_ms = 5000) {
         qv_message_t request;
         request.json_txt = "{\"Command\": 101}";
+        request.data = std::move(data);
         request.staged_data_key = key;
         qv_message_t reply;
         qv_const_request_reply_t rr{&request, &reply};
-        qv::json_ptr out =
-            qv_nats_send_recv_json_data(cfg.get(), service, &rr, timeout_ms, 0, 0, nullptr);
-        json_object* m = nullptr;
-        return out && json_object_object_get_ex(out.get(), "Size", &m) ? json_object_get_int64(m)
-                                                                       : int64_t{-1};
+        return qv_nats_send_recv_json_data(cfg.get(), service, &rr, timeout_ms, 0, 0, nullptr);
+    }
+    int64_t staged_size(const char* service, const std::string& key, uint64_t timeout_ms) {
+        return number(probe(service, {}, key, timeout_ms).get(), "Size");
     }
 };
-
-// Returns the size of the staged payload it received, and whether it saw "_kv_key".
-int payload_probe(void*, qv_const_request_reply_t* rr) {
-    const bool leaked_key = rr->request->json_txt.find("_kv_key") != std::string::npos;
-    rr->reply->json_txt =
-        "{\"ReturnCode\": 0, \"Size\": " + std::to_string(rr->request->data_len()) +
-        ", \"Leaked\": " + (leaked_key ? "true" : "false") + ", \"Key\": \"" +
-        rr->request->staged_data_key + "\"}";
-    return 0;
-}
-
-std::atomic<int> s_probe_calls{0};
-int counting_probe(void* context, qv_const_request_reply_t* rr) {
-    s_probe_calls++;
-    return payload_probe(context, rr);
-}
-
-// The value of `header` on the last message stored for `key` in `bucket`; "<none>" without one.
-std::string stored_header(qv_nats_config* cfg, const std::string& bucket, const std::string& key,
-                          const char* header) {
-    natsMsg* raw = nullptr;
-    if (js_GetLastMsg(&raw, cfg->_js.get(), ("KV_" + bucket).c_str(),
-                      ("$KV." + bucket + "." + key).c_str(), nullptr, nullptr) != NATS_OK) {
-        return "<no message>";
-    }
-    qv::nats_msg_ptr msg(raw);
-    const char* value = nullptr;
-    return natsMsgHeader_Get(raw, header, &value) == NATS_OK ? value : "<none>";
-}
 
 }  // namespace
 
@@ -118,31 +161,18 @@ TEST_F(KvFixture, ChunkBoundariesRoundTrip) {
 }
 
 TEST_F(KvFixture, BadManifestsAndMissingChunks) {
+    put_scan_data({"corrupt", "{chunks"});
+    put_scan_data({"holes", "{\"chunks\":2,\"size\":10}", "holes-0", "abcde"});
+    put_scan_data({"short", "{\"chunks\":1,\"size\":8}", "short-0", "abc"});
+    put_scan_data({"over", "{\"chunks\":2,\"size\":4}", "over-0", "ab", "over-1", "cdef"});
     std::vector<unsigned char> out;
-    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "corrupt", "{chunks", 0), 0);
     EXPECT_EQ(kvstore_get_chunked(cfg.get(), "corrupt", &out), -1);
-
-    ASSERT_EQ(
-        qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "holes", "{\"chunks\":2,\"size\":10}", 0),
-        0);
-    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "holes-0", "abcde", 0), 0);
     EXPECT_EQ(kvstore_get_chunked(cfg.get(), "holes", &out), -1);
-
     // A manifest promising more than the chunks hold: the buffer has the promised size.
-    ASSERT_EQ(
-        qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "short", "{\"chunks\":1,\"size\":8}", 0),
-        0);
-    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "short-0", "abc", 0), 0);
     ASSERT_EQ(kvstore_get_chunked(cfg.get(), "short", &out), 0);
     ASSERT_EQ(out.size(), 8u);
     EXPECT_EQ(std::string(out.begin(), out.begin() + 3), "abc");
-
     // A chunk that would overflow the promised size is skipped.
-    ASSERT_EQ(
-        qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "over", "{\"chunks\":2,\"size\":4}", 0),
-        0);
-    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "over-0", "ab", 0), 0);
-    ASSERT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "over-1", "cdef", 0), 0);
     ASSERT_EQ(kvstore_get_chunked(cfg.get(), "over", &out), 0);
     EXPECT_EQ(std::string(out.begin(), out.begin() + 2), "ab");
 }
@@ -164,44 +194,6 @@ TEST_F(KvFixture, ReadsWaitForALateKeyButNotForever) {
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(500));
 }
 
-TEST_F(KvFixture, LeaseIsRenewedByItsHolderOnly) {
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, "poller", "a", 5000), 1);
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, "poller", "a", 5000), 1);
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, "poller", "b", 5000), 0);
-    EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, "poller"), "a");
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, "", "a", 5000), -1);
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, "poller", "", 5000), -1);
-    EXPECT_EQ(qv_nats_kv_lease(cfg.get(), "no-such-bucket", "poller", "a", 5000), -1);
-}
-
-TEST_F(KvFixture, SnapshotsAndPrefixedKeys) {
-    std::map<std::string, std::string> seen;
-    EXPECT_EQ(qv_nats_kv_snapshot(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET,
-                                  [&](const char* k, const char* v, size_t) { seen[k] = v; }),
-              0);
-    EXPECT_TRUE(seen.empty());
-
-    qv_nats_kv_put(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "sub.a", "1", 0);
-    qv_nats_kv_put(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "sub.b", "2", 0);
-    qv_nats_kv_put(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "other", "3", 0);
-    qv_nats_kv_put(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "gone", "4", 0);
-    qv_nats_kv_delete(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "gone");
-    EXPECT_EQ(qv_nats_kv_snapshot(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET,
-                                  [&](const char* k, const char* v, size_t) { seen[k] = v; }),
-              0);
-    EXPECT_EQ(seen,
-              (std::map<std::string, std::string>{{"sub.a", "1"}, {"sub.b", "2"}, {"other", "3"}}));
-    std::vector<std::string> keys;
-    EXPECT_EQ(qv_nats_kv_keys(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "sub.",
-                              [&](const char* k) { keys.push_back(k); }),
-              0);
-    std::sort(keys.begin(), keys.end());
-    EXPECT_EQ(keys, (std::vector<std::string>{"sub.a", "sub.b"}));
-    EXPECT_EQ(
-        qv_nats_kv_snapshot(cfg.get(), "no-such-bucket", [&](const char*, const char*, size_t) {}),
-        -1);
-}
-
 TEST_F(KvFixture, SeventhExtraBucketIsRefused) {
     // Five more buckets beside the configuration and subscription buckets: seven in all.
     for (int i = 1; i <= 5; ++i) {
@@ -213,66 +205,31 @@ TEST_F(KvFixture, SeventhExtraBucketIsRefused) {
         ASSERT_EQ(js_CreateKeyValue(&kv, cfg->_js.get(), &c), NATS_OK);
         kvStore_Destroy(kv);
     }
-    EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, "k", "v", 0), 0);
-    EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "k", "v", 0), 0);
-    for (int i = 1; i <= 4; ++i) {
-        const std::string name = "extra-" + std::to_string(i);
+    for (const std::string name : {QV_KV_CONFIG_BUCKET, QV_KV_EVENT_SUBSCRIPTIONS_BUCKET, "extra-1",
+                                   "extra-2", "extra-3", "extra-4"}) {
         EXPECT_EQ(qv_nats_kv_put(cfg.get(), name.c_str(), "k", "v", 0), 0) << name;
     }
     EXPECT_EQ(qv_nats_kv_put(cfg.get(), "extra-5", "k", "v", 0), -1);
-    std::string v;
-    EXPECT_EQ(qv_nats_kv_get(cfg.get(), "extra-5", "k", &v), -1);
+    EXPECT_EQ(raw_get("extra-5", "k"), "<-1>");
     // The cached ones keep working.
-    EXPECT_EQ(qv_nats_kv_get(cfg.get(), "extra-1", "k", &v), 0);
-    EXPECT_EQ(v, "v");
-}
-
-TEST_F(KvFixture, RegistryEntriesWithTimeToLive) {
-    EXPECT_EQ(qv_nats_registry_put(cfg.get(), "worker.a", "{\"x\":1}", 0), 0);
-    EXPECT_EQ(raw_get(QV_KV_REGISTRY_BUCKET, "worker.a"), "{\"x\":1}");
-    qv_nats_registry_delete(cfg.get(), "worker.a");
-    EXPECT_EQ(raw_get(QV_KV_REGISTRY_BUCKET, "worker.a"), "<1>");
-    EXPECT_EQ(qv_kv_ttl_ms_for(100), 1000);
-    EXPECT_EQ(qv_kv_ttl_ms_for(5000), 5500);
+    EXPECT_EQ(raw_get("extra-1", "k"), "v");
 }
 
 TEST_F(KvFixture, StagedRequestsReachTheHandlerAndAreCleanedUp) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(cfg.get(), "qv-test.probe", payload_probe,
-                                                    nullptr, &stop, 2),
-              0);
+    ASSERT_EQ(serve("qv-test.probe", payload_probe, 2), 0);
     for (size_t size : {size_t{1}, QV_KV_CHUNK_SIZE + 1}) {
-        qv_message_t request;
-        request.json_txt = "{\"Command\": 101}";
-        request.data = pattern(size);
-        qv_message_t reply;
-        qv_const_request_reply_t rr{&request, &reply};
-        std::string err;
-        qv::json_ptr out =
-            qv_nats_send_recv_json_data(cfg.get(), "qv-test.probe", &rr, 5000, 0, 0, &err);
-        ASSERT_TRUE(out) << err;
-        json_object* m = nullptr;
-        ASSERT_TRUE(json_object_object_get_ex(out.get(), "Size", &m));
-        EXPECT_EQ(json_object_get_int64(m), static_cast<int64_t>(size));
-        ASSERT_TRUE(json_object_object_get_ex(out.get(), "Leaked", &m));
-        EXPECT_FALSE(json_object_get_boolean(m));
-        ASSERT_TRUE(json_object_object_get_ex(out.get(), "Key", &m));
-        const std::string key = json_object_get_string(m);
+        qv::json_ptr out = probe("qv-test.probe", pattern(size));
+        ASSERT_TRUE(out);
+        EXPECT_EQ(number(out.get(), "Size"), static_cast<int64_t>(size));
+        EXPECT_EQ(text(out.get(), "Leaked"), "false");
+        const std::string key = text(out.get(), "Key");
         EXPECT_EQ(key.rfind("scan-", 0), 0u);
         // The requester deleted what it staged.
         EXPECT_EQ(raw_get(QV_KV_SCAN_DATA_BUCKET, key), "<1>");
     }
     // A key the caller staged itself is passed through and left in place.
-    std::string key;
-    const auto data = pattern(100);
-    ASSERT_EQ(qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 2000, &key, nullptr), 0);
-    qv_message_t request;
-    request.json_txt = "{\"Command\": 101}";
-    request.staged_data_key = key;
-    qv_message_t reply;
-    qv_const_request_reply_t rr{&request, &reply};
-    qv::json_ptr out =
-        qv_nats_send_recv_json_data(cfg.get(), "qv-test.probe", &rr, 5000, 0, 0, nullptr);
-    ASSERT_TRUE(out);
+    const std::string key = stage(100, 2000);
+    EXPECT_EQ(staged_size("qv-test.probe", key, 5000), 100);
     EXPECT_NE(raw_get(QV_KV_SCAN_DATA_BUCKET, key), "<1>");
     qv_nats_unstage_scan_data(cfg.get(), key.c_str());
     EXPECT_EQ(raw_get(QV_KV_SCAN_DATA_BUCKET, key), "<1>");
@@ -282,51 +239,46 @@ TEST_F(KvFixture, TwoContendersNeverBothHoldALease) {
     qvtest::NatsClient other(server);
     constexpr int kKeys = 100;
     auto key = [](int i) { return "lease." + std::to_string(i); };
-    // Both contenders ask for each key at the same moment.
-    auto race = [&](std::vector<int>* a, std::vector<int>* b) {
+    qv_nats_config* const contenders[] = {cfg.get(), other.get()};
+    const char* const owners[] = {"a", "b"};
+    auto lease = [&](int c, int i) {
+        return qv_nats_kv_lease(contenders[c], QV_KV_CONFIG_BUCKET, key(i).c_str(), owners[c],
+                                30000);
+    };
+    // Both contenders ask for each key at the same moment; the holder of each key, by index.
+    auto race = [&] {
+        std::vector<int> got[2] = {std::vector<int>(kKeys, -2), std::vector<int>(kKeys, -2)};
         std::barrier sync(2);
-        auto contender = [&](qv_nats_config* c, const char* owner, std::vector<int>* out) {
-            return std::thread([&sync, &key, c, owner, out] {
+        std::vector<std::thread> threads;
+        for (int c = 0; c < 2; ++c) {
+            threads.emplace_back([&, c] {
                 for (int i = 0; i < kKeys; ++i) {
                     sync.arrive_and_wait();
-                    (*out)[i] =
-                        qv_nats_kv_lease(c, QV_KV_CONFIG_BUCKET, key(i).c_str(), owner, 30000);
+                    got[c][i] = lease(c, i);
                 }
             });
-        };
-        a->assign(kKeys, -2);
-        b->assign(kKeys, -2);
-        std::thread ta = contender(cfg.get(), "a", a);
-        std::thread tb = contender(other.get(), "b", b);
-        ta.join();
-        tb.join();
-    };
-    auto check_one_holder = [&](const std::vector<int>& a, const std::vector<int>& b) {
-        for (int i = 0; i < kKeys; ++i) {
-            ASSERT_TRUE((a[i] == 1 && b[i] == 0) || (a[i] == 0 && b[i] == 1))
-                << key(i) << ": a=" << a[i] << " b=" << b[i];
-            EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, key(i)), a[i] == 1 ? "a" : "b");
         }
+        for (std::thread& t : threads) {
+            t.join();
+        }
+        std::vector<int> holder(kKeys);
+        for (int i = 0; i < kKeys; ++i) {
+            EXPECT_TRUE((got[0][i] == 1 && got[1][i] == 0) || (got[0][i] == 0 && got[1][i] == 1))
+                << key(i) << ": a=" << got[0][i] << " b=" << got[1][i];
+            holder[i] = got[0][i] == 1 ? 0 : 1;
+            EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, key(i)), owners[holder[i]]);
+        }
+        return holder;
     };
-    std::vector<int> a;
-    std::vector<int> b;
-    race(&a, &b);
-    check_one_holder(a, b);
+    const std::vector<int> holder = race();
     for (int i = 0; i < kKeys; ++i) {
         // The holder renews; the other stays out.
-        qv_nats_config* holder = a[i] == 1 ? cfg.get() : other.get();
-        qv_nats_config* loser = a[i] == 1 ? other.get() : cfg.get();
-        EXPECT_EQ(
-            qv_nats_kv_lease(holder, QV_KV_CONFIG_BUCKET, key(i).c_str(), a[i] ? "a" : "b", 30000),
-            1);
-        EXPECT_EQ(
-            qv_nats_kv_lease(loser, QV_KV_CONFIG_BUCKET, key(i).c_str(), a[i] ? "b" : "a", 30000),
-            0);
+        EXPECT_EQ(lease(holder[i], i), 1);
+        EXPECT_EQ(lease(1 - holder[i], i), 0);
         qv_nats_kv_delete(cfg.get(), QV_KV_CONFIG_BUCKET, key(i).c_str());
     }
     // A released lease can be taken again, still by one contender only.
-    race(&a, &b);
-    check_one_holder(a, b);
+    race();
 }
 
 TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
@@ -337,58 +289,47 @@ TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
                                                     nullptr, &stop, 2),
               0);
     ASSERT_EQ(natsConnection_Flush(qv_nats_connection(serving.get()).get()), NATS_OK);
-    const std::shared_ptr<kvStore> kv = get_kvstore(cfg.get());
-    ASSERT_TRUE(kv);
-    auto put_raw = [&](const std::string& key, const std::string& value) {
-        uint64_t rev = 0;
-        EXPECT_EQ(kvStore_PutString(&rev, kv.get(), key.c_str(), value.c_str()), NATS_OK) << key;
-    };
-    auto request = [&](const std::string& body) {
+    // The reply to a request naming `key_json` as its staged payload (none when empty).
+    auto staged = [&](const std::string& key_json) {
+        const std::string body =
+            "{\"Command\": 101" + (key_json.empty() ? "" : ", \"_kv_key\": " + key_json) + "}";
         std::string err;
         qv::json_ptr reply =
             qv_nats_send_recv_json(cfg.get(), "qv-test.staged", body.c_str(), 10000, 0, &err);
         return reply ? qv_json_to_string(reply.get()) : err;
     };
-    auto staged = [&](const std::string& key) {
-        return request("{\"Command\": 101, \"_kv_key\": \"" + key + "\"}");
-    };
-    auto size_of_reply = [](const std::string& reply) -> int64_t {
-        qv::json_ptr obj = qv_json_parse(reply);
-        json_object* size = nullptr;
-        return obj && json_object_object_get_ex(obj.get(), "Size", &size)
-                   ? json_object_get_int64(size)
-                   : -1;
+    auto size_of = [](const std::string& reply) {
+        return number(qv_json_parse(reply).get(), "Size");
     };
     const std::string unavailable =
         "{\"ReturnCode\":-1000,\"Error\":\"Scan data unavailable: staged payload could not be "
         "retrieved from the KV store\"}";
 
-    // Manifests whose chunk count cannot hold their size, or holds far more.
-    put_raw("huge", "{\"chunks\": 0, \"size\": 2000000000}");
-    put_raw("many", "{\"chunks\":3,\"size\":10}");
-    put_raw("many-0", "0123456789");
-    put_raw("many-1", "");
-    put_raw("many-2", "");
-    put_raw("few", "{\"chunks\":1,\"size\":600000}");
-    put_raw("few-0", "abc");
-    put_raw("negative", "{\"chunks\":1,\"size\":-1}");
-    put_raw("negative-0", "x");
-    // Consistent, but larger than this service takes.
+    // Manifests whose chunk count cannot hold their size, or holds far more, and one consistent
+    // but larger than this service takes.
+    put_scan_data({"huge",       "{\"chunks\": 0, \"size\": 2000000000}",
+                   "many",       "{\"chunks\":3,\"size\":10}",
+                   "many-0",     "0123456789",
+                   "many-1",     "",
+                   "many-2",     "",
+                   "few",        "{\"chunks\":1,\"size\":600000}",
+                   "few-0",      "abc",
+                   "negative",   "{\"chunks\":1,\"size\":-1}",
+                   "negative-0", "x",
+                   "spare",      "{\"chunks\":2,\"size\":5}",
+                   "spare-0",    "abcde",
+                   "spare-1",    ""});
     const auto over = pattern(2 * QV_KV_CHUNK_SIZE + 1);
     ASSERT_EQ(kvstore_put_chunked(cfg.get(), "over", over.data(), over.size(), 0), 0);
     for (const char* key : {"huge", "many", "few", "negative", "over"}) {
-        EXPECT_EQ(staged(key), unavailable) << key;
+        EXPECT_EQ(staged("\""s + key + "\""), unavailable) << key;
     }
     EXPECT_EQ(s_probe_calls.load(), 0);
-
     // The largest payload it takes, and a writer's one spare empty chunk, pass.
     const auto largest = pattern(2 * QV_KV_CHUNK_SIZE);
     ASSERT_EQ(kvstore_put_chunked(cfg.get(), "largest", largest.data(), largest.size(), 0), 0);
-    EXPECT_EQ(size_of_reply(staged("largest")), static_cast<int64_t>(largest.size()));
-    put_raw("spare", "{\"chunks\":2,\"size\":5}");
-    put_raw("spare-0", "abcde");
-    put_raw("spare-1", "");
-    EXPECT_EQ(size_of_reply(staged("spare")), 5);
+    EXPECT_EQ(size_of(staged("\"largest\"")), static_cast<int64_t>(largest.size()));
+    EXPECT_EQ(size_of(staged("\"spare\"")), 5);
     EXPECT_EQ(s_probe_calls.load(), 2);
 
     // Keys that cannot be bucket keys are refused before any lookup.
@@ -397,16 +338,15 @@ TEST_F(KvFixture, StagedPayloadsAreCheckedBeforeAnythingIsReadOrAllocated) {
          {"5"s, "null"s, "{\"k\":1}"s, "[\"k\"]"s, "\"\""s, "\"a b\""s, "\"a\\r\\nb\""s,
           "\"a\\u0000b\""s, "\"*\""s, "\">\""s, "\"a..b\""s, "\"" + std::string(256, 'k') + "\"",
           "\"" + std::string(70000, 'k') + "\""}) {
-        EXPECT_EQ(request("{\"Command\": 101, \"_kv_key\": " + key_json + "}"), invalid)
-            << key_json.substr(0, 40);
+        EXPECT_EQ(staged(key_json), invalid) << key_json.substr(0, 40);
     }
     EXPECT_EQ(s_probe_calls.load(), 2);
     // A well-formed key of the longest length is looked up (and not found).
-    EXPECT_EQ(staged(std::string(255, 'k')), unavailable);
+    EXPECT_EQ(staged("\"" + std::string(255, 'k') + "\""), unavailable);
     // The serving connection stayed up and goes on answering.
     EXPECT_EQ(natsConnection_Status(qv_nats_connection(serving.get()).get()),
               NATS_CONN_STATUS_CONNECTED);
-    EXPECT_EQ(size_of_reply(request("{\"Command\": 101}")), 0);
+    EXPECT_EQ(size_of(staged("")), 0);
     EXPECT_EQ(s_probe_calls.load(), 3);
     qv_nats_deinit(serving.get());
 }
@@ -425,11 +365,10 @@ TEST_F(KvFixture, InvalidKeysAreRefusedBeforeAnythingIsSent) {
          {""s, "a b"s, "*"s, ">"s, "a.*"s, "k>"s, ".a"s, "a."s, "a..b"s, "$k"s, "tab\tkey"s,
           "a\r\nPUB $KV.qv-av-config.x 0\r\n"s, std::string(1025, 'k')}) {
         const char* k = key.c_str();
-        std::string value;
         std::vector<unsigned char> out;
         EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, k, "v", 0), -1);
         EXPECT_EQ(qv_nats_kv_put(cfg.get(), QV_KV_CONFIG_BUCKET, k, "v", 5000), -1);
-        EXPECT_EQ(qv_nats_kv_get(cfg.get(), QV_KV_CONFIG_BUCKET, k, &value), -1);
+        EXPECT_EQ(raw_get(QV_KV_CONFIG_BUCKET, k), "<-1>");
         qv_nats_kv_delete(cfg.get(), QV_KV_CONFIG_BUCKET, k);
         EXPECT_EQ(qv_nats_kv_lease(cfg.get(), QV_KV_CONFIG_BUCKET, k, "me", 5000), -1);
         EXPECT_EQ(qv_nats_registry_put(cfg.get(), k, "{}", 0), -1);
@@ -468,51 +407,31 @@ TEST_F(KvFixture, TimeToLiveIsTriedAgainOnEveryPutAfterARefusal) {
     EXPECT_EQ(stored_header(cfg.get(), "qv-test-ttl", "full", "Nats-TTL"), "<none>");
     EXPECT_TRUE(log.contains("NATS: per-message TTL write for 'full' rejected"));
 
-    // Later puts carry their time-to-live again, in this bucket and in others.
+    // Later puts carry their time-to-live again, in this bucket and in others; registry entries
+    // always have one (at least a second, with a tenth more than the caller's timeout).
     EXPECT_EQ(qv_nats_kv_put(cfg.get(), "qv-test-ttl", "small", "s", 5000), 0);
     EXPECT_EQ(stored_header(cfg.get(), "qv-test-ttl", "small", "Nats-TTL"), "5000ms");
     EXPECT_EQ(qv_nats_registry_put(cfg.get(), "worker.ttl", "{}", 0), 0);
     EXPECT_EQ(stored_header(cfg.get(), QV_KV_REGISTRY_BUCKET, "worker.ttl", "Nats-TTL"), "15000ms");
+    EXPECT_EQ(qv_kv_ttl_ms_for(100), 1000);
+    EXPECT_EQ(qv_kv_ttl_ms_for(5000), 5500);
     const auto data = pattern(10);
     ASSERT_EQ(kvstore_put_chunked(cfg.get(), "chunked-ttl", data.data(), data.size(), 7000), 0);
-    EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "chunked-ttl", "Nats-TTL"),
-              "7000ms");
-    EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, "chunked-ttl-0", "Nats-TTL"),
-              "7000ms");
-    EXPECT_EQ(log.count("per-message TTL write"), 1);
-}
-
-namespace {
-
-std::atomic<int> s_holding{0};
-std::atomic<int> s_most_holding{0};
-
-// Holds its payload for a moment, as a handler that scans it would.
-int holding_probe(void* context, qv_const_request_reply_t* rr) {
-    const int now = ++s_holding;
-    int most = s_most_holding.load();
-    while (now > most && !s_most_holding.compare_exchange_weak(most, now)) {
+    for (const char* key : {"chunked-ttl", "chunked-ttl-0"}) {
+        EXPECT_EQ(stored_header(cfg.get(), QV_KV_SCAN_DATA_BUCKET, key, "Nats-TTL"), "7000ms");
     }
-    std::this_thread::sleep_for(100ms);
-    s_holding--;
-    return payload_probe(context, rr);
+    EXPECT_EQ(log.count("per-message TTL write"), 1);
+    qv_nats_registry_delete(cfg.get(), "worker.ttl");
+    EXPECT_EQ(raw_get(QV_KV_REGISTRY_BUCKET, "worker.ttl"), "<1>");
 }
-
-}  // namespace
 
 // Payloads that would together pass the process's budget are held one after the other; each
 // request is still answered.
 TEST_F(KvFixture, LargeStagedPayloadsWaitForRoomInsteadOfPilingUp) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(cfg.get(), "qv-test.hold", holding_probe,
-                                                    nullptr, &stop, 3),
-              0);
+    ASSERT_EQ(serve("qv-test.hold", holding_probe, 3), 0);
     const size_t size = qv_staged_budget::s_limit / 2 + 1;
-    const auto data = pattern(size);
-    std::vector<std::string> keys(3);
-    for (std::string& key : keys) {
-        ASSERT_EQ(
-            qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 30000, &key, nullptr), 0);
-    }
+    const std::vector<std::string> keys = {stage(size, 30000), stage(size, 30000),
+                                           stage(size, 30000)};
     std::vector<int64_t> sizes(keys.size(), -1);
     std::vector<std::thread> requesters;
     for (size_t i = 0; i < keys.size(); ++i) {
@@ -531,27 +450,19 @@ TEST_F(KvFixture, LargeStagedPayloadsWaitForRoomInsteadOfPilingUp) {
 // Payloads are let in in the order they came: smaller ones that keep arriving, each fitting beside
 // those in flight, do not keep a large one out until its wait runs out.
 TEST_F(KvFixture, ALargeStagedPayloadIsNotKeptOutBySmallerOnesAfterIt) {
-    ASSERT_EQ(qv_nats_start_service_handler_threads(cfg.get(), "qv-test.hold", holding_probe,
-                                                    nullptr, &stop, 8),
-              0);
+    ASSERT_EQ(serve("qv-test.hold", holding_probe, 8), 0);
     const size_t small_size = qv_staged_budget::s_limit / 6;
     const size_t large_size = qv_staged_budget::s_limit - small_size;
-    std::string small;
-    std::string large;
-    for (auto [key, size] : {std::pair{&small, small_size}, std::pair{&large, large_size}}) {
-        const auto data = pattern(size);
-        ASSERT_EQ(qv_nats_stage_scan_data(cfg.get(), data.data(), data.size(), 60000, key, nullptr),
-                  0);
-    }
+    const std::string small = stage(small_size, 60000);
+    const std::string large = stage(large_size, 60000);
     std::atomic<bool> done{false};
     std::atomic<int> small_served{0};
     std::vector<std::thread> requesters;
     for (int i = 0; i < 7; ++i) {
         requesters.emplace_back([&] {
             while (!done.load()) {
-                if (staged_size("qv-test.hold", small, 60000) == static_cast<int64_t>(small_size)) {
-                    small_served++;
-                }
+                small_served +=
+                    staged_size("qv-test.hold", small, 60000) == static_cast<int64_t>(small_size);
             }
         });
     }

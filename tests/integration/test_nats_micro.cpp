@@ -20,6 +20,7 @@
 using qvtest::NatsPeer;
 using qvtest::NatsServer;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 namespace {
 
@@ -32,20 +33,18 @@ int echo_or_fail(void*, qv_const_request_reply_t* rr) {
     return 0;
 }
 
-std::string text(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    return json_object_object_get_ex(object, key, &member) ? json_object_get_string(member) : "";
-}
-
-int64_t number(json_object* object, const char* key) {
-    json_object* member = nullptr;
-    return json_object_object_get_ex(object, key, &member) ? json_object_get_int64(member) : -1;
-}
-
 json_object* member(json_object* object, const char* key) {
     json_object* found = nullptr;
     json_object_object_get_ex(object, key, &found);
     return found;
+}
+std::string text(json_object* object, const char* key) {
+    json_object* found = member(object, key);
+    return found != nullptr ? json_object_get_string(found) : "";
+}
+int64_t number(json_object* object, const char* key) {
+    json_object* found = member(object, key);
+    return found != nullptr ? json_object_get_int64(found) : -1;
 }
 
 // The answers to one discovery request: every one that arrives until `expected` came or 5 s
@@ -123,8 +122,8 @@ struct NatsMicro : ::testing::Test {
         return qv_nats_start_service_handler_threads(config, service, handler, nullptr, &stop,
                                                      threads);
     }
-    std::string by_id(const char* verb, const qv_nats_config& config) const {
-        return std::string("$SRV.") + verb + ".qv-av-control." + config._micro.id();
+    std::string by_id(const std::string& verb, const qv_nats_config& config) const {
+        return "$SRV." + verb + ".qv-av-control." + config._micro.id();
     }
     // The statistics of instance `config` once the endpoint of `subject` counts `requests`.
     qv::json_ptr stats_after(const qv_nats_config& config, const std::string& subject,
@@ -142,22 +141,23 @@ struct NatsMicro : ::testing::Test {
 }  // namespace
 
 TEST_F(NatsMicro, EveryInstanceAnswersPingInfoAndStatsPlainByNameAndById) {
-    EXPECT_NE(a->_micro.id(), b->_micro.id());
-    EXPECT_EQ(a->_micro.id().size(), 22u);
-    EXPECT_EQ(a->_micro.id().find_first_not_of(
-                  "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
-              std::string::npos);
-    const struct {
-        const char* verb;
-        const char* type;
-    } verbs[] = {{"PING", "io.nats.micro.v1.ping_response"},
-                 {"INFO", "io.nats.micro.v1.info_response"},
-                 {"STATS", "io.nats.micro.v1.stats_response"}};
-    for (const auto& [verb, type] : verbs) {
-        for (const std::string& subject :
-             {std::string("$SRV.") + verb, std::string("$SRV.") + verb + ".qv-av-control"}) {
-            std::set<std::string> ids;
-            for (const qv::json_ptr& doc : discover(*peer, subject, 2)) {
+    const std::set<std::string> both = {a->_micro.id(), b->_micro.id()};
+    ASSERT_EQ(both.size(), 2u);
+    for (const std::string& id : both) {
+        EXPECT_EQ(id.size(), 22u);
+        EXPECT_EQ(
+            id.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
+            std::string::npos);
+    }
+    for (const auto& [verb, type] : {std::pair{"PING"s, "io.nats.micro.v1.ping_response"},
+                                     {"INFO"s, "io.nats.micro.v1.info_response"},
+                                     {"STATS"s, "io.nats.micro.v1.stats_response"}}) {
+        for (const auto& [subject, ids] :
+             {std::pair{"$SRV." + verb, both},
+              {"$SRV." + verb + ".qv-av-control", both},
+              {by_id(verb, *b), std::set<std::string>{b->_micro.id()}}}) {
+            std::set<std::string> seen;
+            for (const qv::json_ptr& doc : discover(*peer, subject, ids.size())) {
                 ASSERT_TRUE(doc);
                 EXPECT_EQ(text(doc.get(), "type"), type);
                 EXPECT_EQ(text(doc.get(), "name"), "qv-av-control");
@@ -166,19 +166,15 @@ TEST_F(NatsMicro, EveryInstanceAnswersPingInfoAndStatsPlainByNameAndById) {
                 EXPECT_EQ(v.rfind(QV_PROJECT_VERSION, 0), 0u) << v;
                 EXPECT_EQ(std::count(v.begin(), v.end(), '.'), 2) << v;
                 EXPECT_TRUE(json_object_is_type(member(doc.get(), "metadata"), json_type_object));
-                ids.insert(text(doc.get(), "id"));
-                if (std::string(verb) == "STATS") {
+                seen.insert(text(doc.get(), "id"));
+                if (verb == "STATS") {
                     const std::string started = text(doc.get(), "started");  // RFC 3339, UTC
                     EXPECT_TRUE(started.size() >= 20 && started[10] == 'T' && started.back() == 'Z')
                         << started;
                 }
             }
-            EXPECT_EQ(ids, (std::set<std::string>{a->_micro.id(), b->_micro.id()})) << subject;
+            EXPECT_EQ(seen, ids) << subject;
         }
-        std::vector<qv::json_ptr> only_b = discover(*peer, by_id(verb, *b), 1);
-        ASSERT_EQ(only_b.size(), 1u);
-        EXPECT_EQ(text(only_b[0].get(), "id"), b->_micro.id());
-        EXPECT_EQ(text(only_b[0].get(), "type"), type);
     }
 
     // Each instance describes its own endpoints, each with the queue group its pool shares.
@@ -217,7 +213,6 @@ TEST_F(NatsMicro, StatisticsCountRequestsErrorsAndProcessingTimePerEndpoint) {
 
     stats = stats_after(*a, "qv-test-micro.ping", 1);
     json_object* ping = endpoint_of(stats.get(), "qv-test-micro.ping");
-    EXPECT_EQ(number(ping, "num_requests"), 1);
     EXPECT_EQ(number(ping, "num_errors"), 0);
     EXPECT_EQ(text(ping, "last_error"), "");
     // The other instance counted nothing of this.
@@ -246,15 +241,14 @@ TEST_F(NatsMicro, RebuiltConnectionAnswersAgainAndStopEndsTheAnswers) {
 
     a->_micro.stop();
     b->_micro.stop();
-    natsMsg* raw = nullptr;
-    EXPECT_EQ(natsConnection_RequestString(&raw, peer->conn(), "$SRV.PING", "", 5000),
-              NATS_NO_RESPONDERS);
-    qv::nats_msg_ptr none(raw);
-    // A stopped responder stays stopped through the connection check.
-    EXPECT_EQ(qv_nats_check_connection(a.get()), 0);
-    EXPECT_EQ(natsConnection_RequestString(&raw, peer->conn(), "$SRV.PING", "", 5000),
-              NATS_NO_RESPONDERS);
-    none.reset(raw);
+    // A stopped responder stays stopped, also through the connection check.
+    for (int check = 0; check < 2; ++check) {
+        natsMsg* raw = nullptr;
+        EXPECT_EQ(natsConnection_RequestString(&raw, peer->conn(), "$SRV.PING", "", 5000),
+                  NATS_NO_RESPONDERS);
+        natsMsg_Destroy(raw);
+        EXPECT_EQ(qv_nats_check_connection(a.get()), 0);
+    }
 }
 
 // The services framework's own JavaScript client lists, describes and shows the statistics of
@@ -276,14 +270,13 @@ TEST_F(NatsMicro, FrameworkJavaScriptClientListsDescribesAndShowsStatistics) {
     const std::string average = std::to_string(
         number(endpoint_of(stats.get(), "qv-test-micro.echo"), "average_processing_time"));
 
-    const std::string command = "node " + dir + "/discovery.mjs " + server.url() + " 2>&1";
     std::string output;
     {
+        const std::string command = "node " + dir + "/discovery.mjs " + server.url() + " 2>&1";
         std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
         ASSERT_TRUE(pipe);
         char buffer[4096];
-        size_t n = 0;
-        while ((n = fread(buffer, 1, sizeof(buffer), pipe.get())) > 0) {
+        for (size_t n = 0; (n = fread(buffer, 1, sizeof(buffer), pipe.get())) > 0;) {
             output.append(buffer, n);
         }
     }

@@ -40,16 +40,15 @@ class ScanConfigDaemon : public ::testing::Test {
         std::filesystem::copy(std::string(QV_SOURCE_DIR) + "/examples/basedir/config", config,
                               std::filesystem::copy_options::recursive |
                                   std::filesystem::copy_options::overwrite_existing);
+        const utimbuf times{1600000000, 1600000000};
         for (const char* dir : {"vsa", "mime", "activecontent"}) {
-            set_old_time(dir);
+            ASSERT_EQ(utime((config / dir).c_str(), &times), 0);
         }
         daemon.use_nats(server.url());
         daemon.global_keys["BROKER_NAME"] = "broker-x";
         daemon.global_keys["INSTALLED"] = "qv-av-trellix;qv-av-mimescan;qv-av-activecontent";
         daemon.control_keys["WORKER_REGISTRY_SYNC_INTERVAL"] = "1";
-        daemon.write_config();
-        ASSERT_TRUE(daemon.start());
-        ASSERT_TRUE(daemon.wait_for_log("Entering main loop")) << daemon.logs();
+        ASSERT_TRUE(daemon.start_serving()) << daemon.logs();
     }
     void TearDown() override {
         stop = 1;
@@ -57,15 +56,16 @@ class ScanConfigDaemon : public ::testing::Test {
         qv_nats_deinit(client.get());
     }
 
-    void set_old_time(const std::string& dir) {
-        const utimbuf times{1600000000, 1600000000};
-        ASSERT_EQ(utime((daemon.basedir() + "/config/" + dir).c_str(), &times), 0);
-    }
     std::string request(const char* service, const std::string& body) {
         std::string err;
         qv::json_ptr reply =
             qv_nats_send_recv_json(client.get(), service, body.c_str(), 10000, 0, &err);
         return reply ? qv_json_to_string(reply.get()) : "no reply: " + err;
+    }
+    // A worker configuration request (203 active content, 204/205 MIME) for r1/PRD.
+    std::string worker_config(int command) {
+        return request("qv-av-worker-control", R"({"Command": )" + std::to_string(command) +
+                                                   R"(, "realmID": "r1", "SID": "PRD"})");
     }
     bool stored(const std::string& key) {
         std::string value;
@@ -123,12 +123,12 @@ TEST_F(ScanConfigDaemon, TheExampleInstallationAnswersAConsolidatedInit) {
     EXPECT_TRUE(stored("scan.r1.PRD"));
 
     // The example's MIME and active-content defaults are served to workers as well.
-    EXPECT_EQ(request("qv-av-worker-control", R"({"Command": 205, "realmID": "r1", "SID": "PRD"})")
-                  .rfind(R"({"MIME-translations":[["application/x-pdf","application/pdf"],)", 0),
+    EXPECT_EQ(worker_config(205).rfind(
+                  R"({"MIME-translations":[["application/x-pdf","application/pdf"],)", 0),
               0u);
-    EXPECT_EQ(request("qv-av-worker-control", R"({"Command": 203, "realmID": "r1", "SID": "PRD"})")
-                  .rfind(R"({"Active-content-definition":[["PDF-JavaScript","block"],)", 0),
-              0u);
+    EXPECT_EQ(
+        worker_config(203).rfind(R"({"Active-content-definition":[["PDF-JavaScript","block"],)", 0),
+        0u);
 }
 
 TEST_F(ScanConfigDaemon, ANewerVsaDirectoryReleasesTheCachedScanConfigurations) {
@@ -157,14 +157,10 @@ TEST_F(ScanConfigDaemon, AChangedMimeDirectoryClearsTheBucketBeforeTheWorkersFlu
               R"({"ReturnCode":0})");
     ASSERT_TRUE(daemon.wait_for_log("Registry: new worker node qv-av-mimescan @ " + name))
         << daemon.logs();
-    for (const char* command : {"204", "205"}) {
-        request("qv-av-worker-control",
-                std::string(R"({"Command": )") + command + R"(, "realmID": "r1", "SID": "PRD"})");
+    for (int command : {203, 204, 205}) {
+        ASSERT_NE(worker_config(command).find("ReturnCode\":0"), std::string::npos) << command;
     }
     ASSERT_TRUE(stored("mimeext.r1.PRD") && stored("mimexlat.r1.PRD"));
-    ASSERT_TRUE(
-        request("qv-av-worker-control", R"({"Command": 203, "realmID": "r1", "SID": "PRD"})")
-            .find("ReturnCode\":0") != std::string::npos);
 
     qvtest::write_file(daemon.basedir() + "/config/mime/mimetype-translations.r1.default",
                        "a/x -> a/y\n");
@@ -172,6 +168,5 @@ TEST_F(ScanConfigDaemon, AChangedMimeDirectoryClearsTheBucketBeforeTheWorkersFlu
     EXPECT_EQ(worker.flushes_after_clearing.load(), 1);
     // Active content is another kind: its entry stays.
     EXPECT_TRUE(stored("ac.r1.PRD"));
-    EXPECT_EQ(request("qv-av-worker-control", R"({"Command": 205, "realmID": "r1", "SID": "PRD"})"),
-              R"({"MIME-translations":[["a/x","a/y"]],"ReturnCode":0})");
+    EXPECT_EQ(worker_config(205), R"({"MIME-translations":[["a/x","a/y"]],"ReturnCode":0})");
 }

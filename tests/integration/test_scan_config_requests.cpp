@@ -14,7 +14,6 @@
 #include "qv_nats_kv.h"
 #include "qv_test_util.h"
 #include "qvctrl_adjust_worker_capacity.h"
-#include "qvctrl_config_kv.h"
 #include "qvctrl_scan_config_requests.h"
 #include "qvctrl_worker_request_handlers.h"
 
@@ -72,13 +71,14 @@ struct ScanConfigRequests : ::testing::Test {
     }
 };
 
-const char* const s_vsa_failure =
-    R"({ "ReplytoRequestID":"%s","ReturnCode" : -1000 , "Error" : "Failed to load SCAN config" })";
-
 std::string vsa_failure(const std::string& id) {
-    std::string text = s_vsa_failure;
-    text.replace(text.find("%s"), 2, id);
-    return text;
+    return R"({ "ReplytoRequestID":")" + id +
+           R"(","ReturnCode" : -1000 , "Error" : "Failed to load SCAN config" })";
+}
+
+std::string init_failure(const std::string& id) {
+    return R"({ "ReplytoRequestID":")" + id +
+           R"(","ReturnCode" : -1000 , "Error" : "CONSOLIDATED_INIT failed" })";
 }
 
 }  // namespace
@@ -99,12 +99,11 @@ TEST_F(ScanConfigRequests, ScanFilesMergeFromDefaultToSidAndTheBucketAnswersUnti
     EXPECT_EQ(stored("scan.r1.PRD"),
               R"({"SCAN":[["A","sid"],["B","realm"],["C","x = y"],["D","realm"]]})");
 
-    // An edited file is not seen while the bucket holds the configuration ...
+    // An edited file is not seen until the scan configurations are released; other SIDs of the
+    // realm get the realm's.
     file("vsa", "scan.r1.PRD", "A=edited\n");
     EXPECT_EQ(client(request), expected);
-    // ... until the scan configurations are released; other SIDs of the realm get the realm's.
     EXPECT_EQ(qvctrl_release_scan_configurations(config.get()), 0);
-    EXPECT_EQ(stored("scan.r1.PRD"), "(none)");
     EXPECT_NE(client(request).find(R"(["A","edited"])"), std::string::npos);
     EXPECT_EQ(client(R"({"Command": 100, "realmID": "r1", "SID": "DEV", "RequestID": "q-2"})"),
               R"({"SCAN":[["A","default"],["B","realm"],["C","x = y"],["D","realm"]],)"
@@ -117,38 +116,20 @@ TEST_F(ScanConfigRequests, VsaFailuresAnswerTheFixedTextAndAlwaysParse) {
     // Kept: without a RequestID read the reply echoes the formatter's text for a null string.
     EXPECT_EQ(client(R"({"Command": 100, "realmID": "r1", "SID": "PRD"})"), vsa_failure("(null)"));
     EXPECT_TRUE(log.contains("Failed to read RequestID from JSON"));
-    EXPECT_EQ(client(R"({"Command": 100, "SID": "PRD", "RequestID": "r"})"), vsa_failure("(null)"));
-    EXPECT_EQ(client(R"({"Command": 100, "realmID": "", "SID": "PRD", "RequestID": "r"})"),
-              vsa_failure("(null)"));
-    EXPECT_TRUE(log.contains("Key realmID found, but value is empty"));
-    EXPECT_EQ(client(R"({"Command": 100, "realmID": 7, "SID": "PRD", "RequestID": "r"})"),
-              vsa_failure("(null)"));
 
-    // Realm and SID name bucket keys and files: anything else is refused before either is used,
-    // and the RequestID is echoed as a JSON string.
-    // 5 + 505 + 1 + 3 characters: one name, but a key longer than 511.
-    const std::string long_realm(505, 'r');
-    for (const std::string& realm :
-         {std::string("a b"), std::string("../etc"), std::string("r\\r\\nPUB x"), std::string("*"),
-          std::string(">"), std::string("$JS"), long_realm}) {
+    // The RequestID is echoed as a JSON string. 5 + 505 + 1 + 3 characters: one name, but a key
+    // longer than 511; 500 characters still make a key.
+    for (const std::string& realm : {std::string("r\\r\\nPUB x"), std::string(505, 'r')}) {
         const std::string reply = client(R"({"Command": 100, "realmID": ")" + realm +
                                          R"(", "SID": "PRD", "RequestID": "id\"1"})");
         EXPECT_EQ(reply, vsa_failure(R"(id\"1)")) << realm;
         EXPECT_TRUE(qv_json_parse_object(reply)) << reply;
     }
     EXPECT_TRUE(log.contains("config KV: key too long for prefix 'scan.'"));
-    EXPECT_TRUE(log.contains("Invalid realm: 'a b'"));
-    // A 500-character realm still makes a key of 511 characters or less.
-    const std::string realm500(500, 'r');
-    EXPECT_NE(client(R"({"Command": 100, "realmID": ")" + realm500 +
+    EXPECT_NE(client(R"({"Command": 100, "realmID": ")" + std::string(500, 'r') +
                      R"(", "SID": "PRD", "RequestID": "x"})")
                   .find(R"("ReturnCode":0)"),
               std::string::npos);
-    // An absurd RequestID is not echoed.
-    EXPECT_EQ(client(R"({"Command": 100, "realmID": "r1", "SID": "PRD", "RequestID": ")" +
-                     std::string(100000, 'i') + "\"}"),
-              vsa_failure(""));
-    EXPECT_EQ(stored("scan.a b.PRD"), "(none)");
 }
 
 TEST_F(ScanConfigRequests, MimeFallsBackToTheRealmAndGlobalDefaultsAndBothCommandsReachIt) {
@@ -159,11 +140,6 @@ TEST_F(ScanConfigRequests, MimeFallsBackToTheRealmAndGlobalDefaultsAndBothComman
     EXPECT_EQ(service(R"({"Command": 204, "realmID": "r1", "SID": "PRD"})"),
               R"({"MIME-type-to-extensions":[["application/pdf","pdf"],["image/jpeg","jpg;jpeg"],)"
               R"(["image/jpeg","jpe"]],"ReturnCode":0})");
-    EXPECT_TRUE(log.contains("File " + base.path() +
-                             "/config/mime/mimetype_to_extensions_mappings.r1.PRD does not exist"));
-    EXPECT_TRUE(
-        log.contains("File " + base.path() +
-                     "/config/mime/mimetype_to_extensions_mappings.r1.default does not exist"));
     EXPECT_EQ(service(R"({"Command": 205, "realmID": "r1", "SID": "PRD"})"),
               R"({"MIME-translations":[["application/x-pdf","application/pdf"]],"ReturnCode":0})");
     EXPECT_EQ(stored("mimexlat.r1.PRD"),
@@ -175,26 +151,8 @@ TEST_F(ScanConfigRequests, MimeFallsBackToTheRealmAndGlobalDefaultsAndBothComman
     EXPECT_TRUE(log.contains("CRITICAL ERROR: File " + base.path() +
                              "/config/mime/mimetype-translations.default.default does not exist. "
                              "Installation corrupt?"));
-    EXPECT_TRUE(log.contains("Failed to load MIME config for realmID r2 and SID PRD"));
     EXPECT_EQ(service(R"({"Command": 204, "realmID": "r1"})"),
               R"({"ReturnCode": -1000, "Error": "Failed to load MIME extensions mapping config"})");
-}
-
-TEST_F(ScanConfigRequests, MimeHandlerWithoutCommandUsesTheExtensionMapAndBuildsNoFiles) {
-    LogCapture log;
-    file("mime", "mimetype_to_extensions_mappings.default.default", "a/b -> b\n");
-    json_object* request = nullptr;
-    qv::json_ptr parsed = qv_json_parse(R"({"realmID": "r1", "SID": "PRD"})");
-    request = parsed.get();
-    qv_message_t reply = qvctrl_handle_get_mime_config(config.get(), request);
-    EXPECT_EQ(reply.json_txt,
-              R"({"ReturnCode": -1000, "Error": "Failed to load MIME extensions mapping config"})");
-    EXPECT_TRUE(log.contains("Invalid command code -1"));
-    // A cached extension map answers all the same.
-    qv::json_ptr cached = qv_json_parse(R"({"MIME-type-to-extensions": []})");
-    qvctrl_config_kv_put(config.get(), QVCTRL_CONFIG_PREFIX_MIMEEXT, "r1", "PRD", cached.get());
-    reply = qvctrl_handle_get_mime_config(config.get(), request);
-    EXPECT_EQ(reply.json_txt, R"({"MIME-type-to-extensions":[],"ReturnCode":0})");
 }
 
 TEST_F(ScanConfigRequests, ActiveContentMergesLikeScanAndFailsWithOneText) {
@@ -205,13 +163,8 @@ TEST_F(ScanConfigRequests, ActiveContentMergesLikeScanAndFailsWithOneText) {
               R"("ReturnCode":0})");
     EXPECT_EQ(stored("ac.r1.PRD"),
               R"({"Active-content-definition":[["Macros","block"],["Scripts","block"]]})");
-    for (const char* body : {R"({"Command": 203, "realmID": "r1"})",
-                             R"({"Command": 203, "realmID": "r1", "SID": "a/b"})",
-                             R"({"Command": 203, "realmID": ["r1"], "SID": "PRD"})"}) {
-        EXPECT_EQ(service(body),
-                  R"({"ReturnCode": -1000, "Error": "Failed to load activecontent config"})")
-            << body;
-    }
+    EXPECT_EQ(service(R"({"Command": 203, "realmID": "r1", "SID": "a/b"})"),
+              R"({"ReturnCode": -1000, "Error": "Failed to load activecontent config"})");
 }
 
 TEST_F(ScanConfigRequests, TenantOnPremisesAndFromTheBucketInCloudMode) {
@@ -256,93 +209,59 @@ TEST_F(ScanConfigRequests, DispatchersAcceptOnlyTheirCommands) {
     EXPECT_TRUE(log.contains("Ignoring invalid request: -1"));
     // Kept: the code is -1000 although the hash is delivered.
     EXPECT_EQ(service(R"({"Command": 11})"), R"({ "ReturnCode": -1000, "Confighash": "c0ffee"})");
-    for (const char* body : {R"({"Command": 203})", R"({"Command": 200})", R"({"Command": 11})"}) {
+    for (const char* body : {R"({"Command": 203})", R"({"Command": 200})", R"({"Command": 11})",
+                             R"({"Command": 3})"}) {
         EXPECT_EQ(client(body), R"({"ReturnCode": 0})") << body;
     }
-    EXPECT_EQ(client(R"({"Command": 3})"), R"({"ReturnCode": 0})");
-    EXPECT_EQ(
-        qvtest::call_handler(qv_av_control_worker_client_request_handler, config.get(), "[1]", &rc),
-        R"({"ReturnCode": -1})");
-    EXPECT_EQ(rc, -1);
 }
 
 TEST_F(ScanConfigRequests, ConsolidatedInitAnswersTenantScanAndDriversInOrder) {
     file("vsa", "scan.default.default", "A=1\n");
     ASSERT_EQ(register_worker("qv-av-trellix", "qv-av-trellix.host1_1"), 0);
-    const std::string reply = client(
-        R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "sap01", "RequestID": "i1",)"
-        R"( "Services": [" QV-AV-Trellix\t", 42, null, "qv-av-mimescan"]})");
-    EXPECT_EQ(reply,
-              R"({"ReplytoRequestID":"i1","tenantID":"on-premises","realmName":"broker-7",)"
-              R"("SCAN":[["A","1"]],"Services":[{"Servicename":"qv-av-trellix","Driverinfo":)"
-              R"({"Present":true,"ReturnCode":0,"MajorVersion":6,"MinorVersion":2,)"
-              R"("NumberOfViruses":5000000000,"NumberOfVariants":12,"Timestamp":1700000000,)"
-              R"("DriverName":"engine-x"}},{"Servicename":"qv-av-mimescan","Driverinfo":)"
-              R"({"Present":false,"ReturnCode":-1000}}],"ReturnCode":0})");
-    EXPECT_EQ(client(R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "h",)"
-                     R"( "RequestID": "i2", "Services": []})"),
-              R"({"ReplytoRequestID":"i2","tenantID":"on-premises","realmName":"broker-7",)"
-              R"("SCAN":[["A","1"]],"Services":[],"ReturnCode":0})");
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(
+        client(
+            R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "sap01",)"
+            R"( "RequestID": "i1", "Services": [" QV-AV-Trellix\t", 42, null, "qv-av-mimescan"]})"),
+        R"({"ReplytoRequestID":"i1","tenantID":"on-premises","realmName":"broker-7",)"
+        R"("SCAN":[["A","1"]],"Services":[{"Servicename":"qv-av-trellix","Driverinfo":)"
+        R"({"Present":true,"ReturnCode":0,"MajorVersion":6,"MinorVersion":2,)"
+        R"("NumberOfViruses":5000000000,"NumberOfVariants":12,"Timestamp":1700000000,)"
+        R"("DriverName":"engine-x"}},{"Servicename":"qv-av-mimescan","Driverinfo":)"
+        R"({"Present":false,"ReturnCode":-1000}}],"ReturnCode":0})");
+    // The missing service was looked for eleven times, 200 ms apart.
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2200));
 }
 
 TEST_F(ScanConfigRequests, ConsolidatedInitFailsWholeWithTheFixedText) {
     LogCapture log;
-    const auto failure = [](const std::string& id) {
-        return R"({ "ReplytoRequestID":")" + id +
-               R"(","ReturnCode" : -1000 , "Error" : "CONSOLIDATED_INIT failed" })";
-    };
     const std::string head = R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "h", )";
-    EXPECT_EQ(client(head + R"("RequestID": "f1", "Services": "qv-av-trellix"})"), failure("f1"));
+    EXPECT_EQ(client(head + R"("RequestID": "f1", "Services": "qv-av-trellix"})"),
+              init_failure("f1"));
     EXPECT_TRUE(log.contains("CONSOLIDATED_INIT: missing or non-array 'Services' field"));
-    EXPECT_EQ(client(head + R"("RequestID": "f2"})"), failure("f2"));
-    EXPECT_EQ(client(R"({"Command": 6, "realmID": "r1", "SID": "PRD", "RequestID": "f3",)"
-                     R"( "Services": []})"),
-              failure(""));
-    EXPECT_TRUE(log.contains("Failed to read Hostname from JSON"));
     // A stored scan configuration without "SCAN" fails the request.
     ASSERT_EQ(qv_nats_kv_put(config->main_nats_config.get(), QV_KV_CONFIG_BUCKET, "scan.r1.PRD",
                              R"({"OTHER": 1})", 0),
               0);
-    EXPECT_EQ(client(head + R"("RequestID": "f4", "Services": []})"), failure("f4"));
+    EXPECT_EQ(client(head + R"("RequestID": "f4", "Services": []})"), init_failure("f4"));
     EXPECT_TRUE(log.contains("CONSOLIDATED_INIT: scan config missing 'SCAN' inner object"));
     // Without any scan file the "SCAN" member is null, which is no configuration to start with.
     EXPECT_EQ(client(R"({"Command": 6, "realmID": "r2", "SID": "PRD", "Hostname": "h", )"
                      R"("RequestID": "f6", "Services": []})"),
-              failure("f6"));
+              init_failure("f6"));
     EXPECT_TRUE(log.contains("CONSOLIDATED_INIT: failed to deep-copy SCAN array"));
-    // Names that are no keys, too many services, quotes in the RequestID.
-    EXPECT_EQ(client(R"({"Command": 6, "realmID": "r 1", "SID": "PRD", "Hostname": "h",)"
-                     R"( "RequestID": "q\"", "Services": []})"),
-              failure(R"(q\")"));
-    std::string many = head + R"("RequestID": "f5", "Services": [)";
-    for (int i = 0; i < 300; ++i) {
-        many += std::string(i ? "," : "") + "\"s" + std::to_string(i) + "\"";
-    }
-    EXPECT_EQ(client(many + "]}"), failure("f5"));
 }
 
-TEST_F(ScanConfigRequests, ConsolidatedInitWaitsForALateWorkerAndGivesUpAfterTwoSeconds) {
+TEST_F(ScanConfigRequests, ConsolidatedInitWaitsForALateWorker) {
     file("vsa", "scan.default.default", "A=1\n");
-    const std::string request =
-        R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "h", "RequestID": "w",)"
-        R"( "Services": ["qv-av-mimescan", "qv-av-activecontent"]})";
-    auto started = std::chrono::steady_clock::now();
-    std::string reply = client(request);
-    const auto waited = std::chrono::steady_clock::now() - started;
-    // Eleven looks 200 ms apart per missing service.
-    EXPECT_GE(waited, std::chrono::milliseconds(4400));
-    EXPECT_NE(reply.find(R"("Services":[{"Servicename":"qv-av-mimescan","Driverinfo":)"
-                         R"({"Present":false,"ReturnCode":-1000}},{"Servicename":)"
-                         R"("qv-av-activecontent","Driverinfo":{"Present":false,)"),
-              std::string::npos)
-        << reply;
-
     // A worker that registers while the request waits is reported present.
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         register_worker("qv-av-mimescan", "qv-av-mimescan.host2_1");
     });
-    reply = client(request);
+    const std::string reply =
+        client(R"({"Command": 6, "realmID": "r1", "SID": "PRD", "Hostname": "h", "RequestID": "w",)"
+               R"( "Services": ["qv-av-mimescan"]})");
     late.join();
     EXPECT_NE(reply.find(R"({"Servicename":"qv-av-mimescan","Driverinfo":{"Present":true)"),
               std::string::npos)
@@ -363,9 +282,6 @@ TEST_F(ScanConfigRequests, ConsolidatedInitBoundsTheWaitOfOneRequest) {
     // looked up once each.
     EXPECT_EQ(log.count("CONSOLIDATED_INIT: wait budget of this request spent"), 1);
     EXPECT_EQ(log.count("CONSOLIDATED_INIT: no worker registered for service qv-av-missing"), 20);
-    qv::json_ptr parsed = qv_json_parse_object(reply);
-    ASSERT_TRUE(parsed) << reply;
-    json_object* services = nullptr;
-    ASSERT_TRUE(json_object_object_get_ex(parsed.get(), "Services", &services));
-    EXPECT_EQ(json_object_array_length(services), 20u);
+    EXPECT_TRUE(qv_json_parse_object(reply)) << reply;
+    EXPECT_EQ(qvtest::count_of(reply, "\"Servicename\""), 20u);
 }

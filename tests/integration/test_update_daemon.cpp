@@ -80,16 +80,14 @@ TEST(UpdateDaemon, FailedInstallKeepsServingThenActivationRestartsAsNewVersion) 
         << d.logs();
     ASSERT_TRUE(d.wait_for_log("calling execv: " + d.binary));
     EXPECT_TRUE(qvtest::wait_until([&] { return client.ping() == 0; }));
-    ASSERT_TRUE(d.running());
     const std::string fresh = link_target(component + "/latest");
     EXPECT_NE(fresh, "1700000000");
     EXPECT_EQ(qvtest::read_file(component + "/" + fresh + "/.version.qv"), "20240301001");
     // The same process now runs the program of the new version, in console mode.
     EXPECT_EQ(link_target("/proc/" + std::to_string(d.pid()) + "/exe"),
               component + "/" + fresh + "/bin/qv-av-control");
-    const std::string cmdline = qvtest::read_file("/proc/" + std::to_string(d.pid()) + "/cmdline");
-    EXPECT_NE(cmdline.find(std::string("--console-mode\0", 15), cmdline.size() - 15),
-              std::string::npos);
+    EXPECT_TRUE(qvtest::read_file("/proc/" + std::to_string(d.pid()) + "/cmdline")
+                    .ends_with(std::string("--console-mode\0", 15)));
     EXPECT_EQ(d.stop(), 0);
 }
 

@@ -26,8 +26,6 @@ using qvtest::wait_until;
 
 namespace {
 
-constexpr int64_t kRegistryAgeMs = 3000;
-
 class RegistryWithBroker : public ::testing::Test {
   protected:
     qvtest::LogCapture log;  // outlives the threads below, which log until they end
@@ -41,7 +39,7 @@ class RegistryWithBroker : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(server.start());
         qv_kv_bucket_ages ages;
-        ages.worker_registry_ms = kRegistryAgeMs;
+        ages.worker_registry_ms = 3000;
         ASSERT_EQ(server.create_buckets(ages), 0);
         config->main_nats_config = server.client_config();
         ASSERT_EQ(qv_nats_init(config->main_nats_config.get()), 0);
@@ -60,7 +58,6 @@ class RegistryWithBroker : public ::testing::Test {
         qv_nats_deinit(config->main_nats_config.get());
     }
 
-    bool logged(const std::string& text) const { return log.contains(text); }
     // A test worker: answers every request on its subject with {"ReturnCode": 0}, keeping them.
     Recorder& start_worker(const std::string& subject) {
         Recorder& worker = workers.emplace_back();
@@ -88,11 +85,13 @@ class RegistryWithBroker : public ::testing::Test {
         w->secret = "s";
         config->running_services.append(w);
     }
-    bool running(const std::string& name) {
+    // The engine name of the projected worker; "-" when there is none.
+    std::string driver_of(const std::string& name) {
         std::lock_guard<std::mutex> lock(config->listmutex);
-        return static_cast<bool>(
-            qvctrl_find_worker_by_name(&config->running_services, name.c_str()));
+        auto w = qvctrl_find_worker_by_name(&config->running_services, name.c_str());
+        return w ? w->driver_name : "-";
     }
+    bool running(const std::string& name) { return driver_of(name) != "-"; }
     int apply(const std::string& document) {
         return qvctrl_apply_worker_registration(config.get(), qv_json_parse(document).get());
     }
@@ -123,26 +122,19 @@ TEST_F(RegistryWithBroker, PollerProjectsTheBucketAndDropsWhatLeftIt) {
     add_running("qv-av-trellix", "qv-av-trellix.stale_1");
 
     start_poller();
-    ASSERT_TRUE(wait_until([&] { return logged("registry reconcile done"); }));
-    {
-        std::lock_guard<std::mutex> lock(config->listmutex);
-        auto w =
-            qvctrl_find_worker_by_name(&config->running_services, "qv-av-trellix.remote-host_1");
-        ASSERT_TRUE(w);
-        EXPECT_EQ(w->driver_name, "eng");
-    }
+    ASSERT_TRUE(log.wait_for("registry reconcile done"));
+    EXPECT_EQ(driver_of("qv-av-trellix.remote-host_1"), "eng");
     EXPECT_TRUE(running("qv-av-trellix.broken_1"));
     EXPECT_FALSE(running("qv-av-trellix.stale_1"));
     EXPECT_FALSE(running("qv-av-trellix.nosecret_1"));
     EXPECT_FALSE(running("qv-av-mimescan"));
-    EXPECT_TRUE(
-        logged("registry reconcile: could not parse registration for key "
-               "'qv-av-trellix.broken_1'"));
+    EXPECT_TRUE(log.contains(
+        "registry reconcile: could not parse registration for key 'qv-av-trellix.broken_1'"));
     // Four keys; the registration without a secret counts as upserted although it was refused,
     // the unparsable one and the key without a dot do not.
     EXPECT_TRUE(
-        logged("registry reconcile done: KV keys=4 (upserted=2, not-installed-here=0), "
-               "running_services=2, dropped=1 (bucket 'qv-av-worker-registry')"));
+        log.contains("registry reconcile done: KV keys=4 (upserted=2, not-installed-here=0), "
+                     "running_services=2, dropped=1 (bucket 'qv-av-worker-registry')"));
 
     // Nobody beats: the entries lapse with the bucket's age and the next pass drops both.
     EXPECT_TRUE(wait_until([&] {
@@ -158,13 +150,12 @@ TEST_F(RegistryWithBroker, FailedSnapshotKeepsTheProjection) {
     server.stop();
     ASSERT_TRUE(wait_until(
         [&] {
-            return logged(
-                "registry reconcile: KV snapshot failed (rc=-1) — keeping current "
-                "projection");
+            return log.contains(
+                "registry reconcile: KV snapshot failed (rc=-1) — keeping current projection");
         },
         std::chrono::seconds(60)));
     EXPECT_TRUE(running(name));
-    EXPECT_FALSE(logged("absent from KV"));
+    EXPECT_FALSE(log.contains("absent from KV"));
 }
 
 TEST_F(RegistryWithBroker, ANewLocalMimeScanWorkerIsFlushedOnceInAnyLetterCase) {
@@ -211,5 +202,5 @@ TEST_F(RegistryWithBroker, FlushReachesEveryWorkerOfTheServiceDespiteAnUnreachab
     };
     EXPECT_EQ(mime.received(), expected);
     EXPECT_TRUE(trellix.received().empty());
-    EXPECT_TRUE(logged("Failed to flush cache for worker qv-av-mimescan.gone-host_1 "));
+    EXPECT_TRUE(log.contains("Failed to flush cache for worker qv-av-mimescan.gone-host_1 "));
 }

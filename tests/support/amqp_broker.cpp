@@ -248,9 +248,8 @@ const pnx_sasl_implementation s_plain_server = {
     s_sasl_code,
 };
 
-}  // namespace
-
-proton::value amqp_body(const std::string& json, const std::string& data) {
+// A body made of the JSON text and, when given, the data, as the client sends it.
+proton::value amqp_body(const std::string& json, const std::string& data = "") {
     std::vector<std::string> elements{json};
     if (!data.empty()) {
         elements.push_back(data);
@@ -259,6 +258,8 @@ proton::value amqp_body(const std::string& json, const std::string& data) {
     body = elements;
     return body;
 }
+
+}  // namespace
 
 AmqpBroker::AmqpBroker() : AmqpBroker(Options{}) {}
 

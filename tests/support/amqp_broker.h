@@ -54,7 +54,6 @@ class AmqpBroker {
     bool start();
     // Drops every connection and everything queued, and closes the port.
     void stop();
-    bool running() const { return running_; }
 
     int port() const { return options_.port; }
     // The host a client names: localhost with TLS (the certificate's name), else 127.0.0.1.
@@ -105,8 +104,5 @@ class AmqpBroker {
     std::vector<std::function<void()>> inbox_;
     std::map<std::string, std::vector<proton::message>> held_;
 };
-
-// A body made of the JSON text and, when given, the data, as the client sends it.
-proton::value amqp_body(const std::string& json, const std::string& data = "");
 
 }  // namespace qvtest

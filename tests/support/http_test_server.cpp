@@ -15,7 +15,6 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <sodium.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -413,14 +412,8 @@ void HttpTestServer::queue(Response response) {
 }
 
 void HttpTestServer::require_basic_auth(const std::string& user, const std::string& password) {
-    const std::string plain = user + ":" + password;
-    std::string encoded(sodium_base64_encoded_len(plain.size(), sodium_base64_VARIANT_ORIGINAL),
-                        '\0');
-    sodium_bin2base64(encoded.data(), encoded.size(),
-                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(),
-                      sodium_base64_VARIANT_ORIGINAL);
     std::lock_guard<std::mutex> lock(mutex_);
-    expected_authorization_ = "Basic " + std::string(encoded.c_str());
+    expected_authorization_ = "Basic " + base64(user + ":" + password);
 }
 
 std::string HttpTestServer::url(std::string_view path) const {

@@ -30,12 +30,7 @@ bool LogCapture::contains(const std::string& needle) const {
 }
 
 int LogCapture::count(const std::string& needle) const {
-    const std::string all = text();
-    int n = 0;
-    for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1)) {
-        ++n;
-    }
-    return n;
+    return static_cast<int>(count_of(text(), needle));
 }
 
 void LogCapture::clear() const {

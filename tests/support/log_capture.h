@@ -23,7 +23,6 @@ class LogCapture {
     bool wait_for(const std::string& needle) const;
     // Forgets what was captured so far.
     void clear() const;
-    const std::string& path() const { return path_; }
 
   private:
     TempDir dir_;

@@ -10,12 +10,25 @@
 #include "qv_handles.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+
+// True when a TCP connection to 127.0.0.1:port succeeds.
+bool port_open(int port) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    qv::unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    return connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+}
 
 // Connections closed by a test are released by the library's own threads a moment later; at the
 // end of the test program they must be gone before OpenSSL's exit-time clean-up frees what their
@@ -151,13 +164,9 @@ std::unique_ptr<qv_nats_config> NatsServer::client_config() const {
 
 int NatsServer::create_buckets(const qv_kv_bucket_ages& ages, const std::string& user,
                                const std::string& password) {
-    auto cfg = qv_nats_config_new();
-    cfg->server_url = url();
+    auto cfg = client_config();
     cfg->user = user;
     cfg->password = password;
-    if (options_.tls) {
-        cfg->cert_path = test_certificates().ca_cert;
-    }
     if (qv_nats_init(cfg.get()) != 0) {
         return -1;
     }
@@ -202,23 +211,6 @@ std::string NatsCluster::url(const std::vector<int>& nodes) const {
         list.append(list.empty() ? "" : ",").append(nodes_[static_cast<size_t>(i)]->url());
     }
     return list;
-}
-
-int NatsCluster::create_buckets(const qv_kv_bucket_ages& ages) {
-    auto cfg = qv_nats_config_new();
-    cfg->server_url = url();
-    if (qv_nats_init(cfg.get()) != 0) {
-        return -1;
-    }
-    int rc = -1;
-    wait_until(
-        [&] {
-            rc = qv_kv_setup_buckets(cfg.get(), ages, nullptr, kNodes);
-            return rc == 0;
-        },
-        std::chrono::seconds(60));
-    qv_nats_deinit(cfg.get());
-    return rc;
 }
 
 bool can_log_in(const NatsServer& server, const std::string& user, const std::string& password) {

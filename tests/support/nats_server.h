@@ -47,7 +47,6 @@ class NatsServer {
     int port() const { return port_; }
     // nats://127.0.0.1:port, or tls://localhost:port with TLS.
     std::string url() const;
-    const std::string& store_dir() const { return store_; }
     // A path in the server's directory, where its configuration lives.
     std::string file(const std::string& name) const { return dir_ / name; }
     // A connection record for this server, not yet connected: its URL and the test CA.
@@ -78,9 +77,6 @@ class NatsCluster {
     // The client URLs of the given nodes, comma-separated.
     std::string url(const std::vector<int>& nodes) const;
     std::string url() const { return url({0, 1, 2}); }
-    // Creates the daemon's buckets with three replicas, retrying while the cluster is still
-    // electing its JetStream leader. 0 or -1.
-    int create_buckets(const qv_kv_bucket_ages& ages = {});
 
   private:
     std::vector<std::unique_ptr<NatsServer>> nodes_;

@@ -6,6 +6,7 @@
 
 #include "qv_handles.h"
 #include "qv_json.h"
+#include "qvctrl_config.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -36,7 +37,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    remove_tree(path_);
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
 }
 
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -70,11 +72,6 @@ bool file_exists(const std::string& path) {
 
 void make_dirs(const std::string& path) {
     std::filesystem::create_directories(path);
-}
-
-void remove_tree(const std::string& path) {
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
 }
 
 std::vector<std::string> list_dir(const std::string& dir) {
@@ -219,6 +216,17 @@ size_t Recorder::count() const {
     return requests_.size();
 }
 
+void set_log_dirs(log_config& lc, const std::string& root) {
+    for (auto [dir, kind] : {std::pair{&lc.basedir_scanlog, "scan"},
+                             {&lc.basedir_blocklog, "block"},
+                             {&lc.basedir_epolog, "epo"},
+                             {&lc.basedir_updatelog, "update"},
+                             {&lc.basedir_statuslog, "status"},
+                             {&lc.basedir_errorlog, "error"}}) {
+        *dir = root + "/" + kind;
+    }
+}
+
 int free_port() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
@@ -233,17 +241,6 @@ int free_port() {
     }
     close(fd);
     return ntohs(addr.sin_port);
-}
-
-bool port_open(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    close(fd);
-    return ok;
 }
 
 std::string call_handler(qv_service_handler_t handler, void* context, const std::string& body,

@@ -11,6 +11,8 @@
 
 #include "qv_request_reply_types.h"
 
+struct log_config;
+
 namespace qvtest {
 
 // A directory under /tmp removed with its contents when the object goes.
@@ -35,7 +37,6 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& contents);
 bool file_exists(const std::string& path);
 void make_dirs(const std::string& path);
-void remove_tree(const std::string& path);
 // The names in `dir` that do not start with '.', sorted.
 std::vector<std::string> list_dir(const std::string& dir);
 // The paths of the regular files anywhere below `dir`, sorted.
@@ -93,9 +94,10 @@ struct ToolResult {
 };
 ToolResult run_tool(const std::string& tool, const std::vector<std::string>& args);
 
+// Points every log kind of `lc` at a directory of its own below `root` ("<root>/scan", ...).
+void set_log_dirs(log_config& lc, const std::string& root);
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
-// True when a TCP connection to 127.0.0.1:port succeeds.
-bool port_open(int port);
 
 }  // namespace qvtest

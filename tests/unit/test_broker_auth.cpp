@@ -131,16 +131,11 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
         EXPECT_EQ(file_stat(path).st_ino, ino);
     }
 
-    // Bad arguments never reach the file; a broker name that would break every user neither.
+    // A broker name that would break every user never reaches the file.
     const std::vector<qvctrl_realm_t> one = {{"r1", "p1"}};
     write_file(path, kHead + kTail);
-    EXPECT_EQ(qvctrl_write_broker_auth("", "b1", one.data(), 1, nullptr), -1);
-    EXPECT_EQ(qvctrl_write_broker_auth(path.c_str(), "", one.data(), 1, nullptr), -1);
-    EXPECT_EQ(qvctrl_write_broker_auth(path.c_str(), "b1", nullptr, 3, nullptr), -1);
     EXPECT_EQ(write(one, nullptr, "b\"1"), -1);
-    EXPECT_TRUE(log.contains("write_broker_auth: auth_file_path is required"));
-    EXPECT_TRUE(log.contains("write_broker_auth: broker_name is required"));
-    EXPECT_TRUE(log.contains("write_broker_auth: realms NULL but n_realms=3"));
+    EXPECT_EQ(qvctrl_write_broker_auth(path.c_str(), "b1", nullptr, 3, nullptr), -1);
     EXPECT_EQ(read_file(path), kHead + kTail);
 
     // A file that does not exist is created empty (mode 0600) and then refused like any empty one.
@@ -152,16 +147,17 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
 
 TEST_F(BrokerAuthWriter, RealmsTheBrokerCannotReadAreLeftOut) {
     write_file(path, kHead + kTail);
+    // Empty members (1, 2), then what would end a quoted text, a line or the region (3..8).
     const std::vector<qvctrl_realm_t> realms = {
         {"ok1", "p1"},
-        {"", "p"},                                           // 1: malformed
-        {"r2", ""},                                          // 2: malformed
-        {"r\"3", "p"},                                       // 3: would end the quoted user
-        {"r4", "a\\b"},                                      // 4: an escape in the password
-        {"r5", "line\nbreak"},                               // 5
-        {"r6", "cr\r"},                                      // 6
-        {"r7", std::string("n\0l", 3)},                      // 7
-        {"r8", std::string("x").append(QVCTRL_END_MARKER)},  // 8: would end the region early
+        {"", "p"},
+        {"r2", ""},
+        {"r\"3", "p"},
+        {"r4", "a\\b"},
+        {"r5", "line\nbreak"},
+        {"r6", "cr\r"},
+        {"r7", std::string("n\0l", 3)},
+        {"r8", std::string("x").append(QVCTRL_END_MARKER)},
         {"ok2", "p2 with blanks & $igns # ü"},
     };
     ASSERT_EQ(write(realms), 0) << log.text();

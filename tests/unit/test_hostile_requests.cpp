@@ -8,14 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "log.h"
 #include "log_capture.h"
 #include "qv-av-control-event-dispatcher.h"
 #include "qv_json.h"
 #include "qv_test_util.h"
 #include "qv_validate.h"
 #include "qvctrl_adjust_worker_capacity.h"
-#include "qvctrl_flush_worker_caches.h"
 #include "qvctrl_worker_request_handlers.h"
 
 using namespace std::string_literals;
@@ -50,69 +48,42 @@ class HostileRequests : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(HostileRequests, RegistrationRefusalsAreLoggedEscapedAndWriteNothing) {
+TEST_F(HostileRequests, RegistrationRefusalsWriteNothingButAMissingServiceNameIsRelayed) {
     const auto service = qv_av_control_worker_service_request_handler;
-    for (const std::string& name : {kInjection, "a\0b"s, std::string(100000, 'w')}) {
+    for (const std::string& name : {kInjection, "a\0b"s}) {
         EXPECT_EQ(call(service, registration(quoted(name))),
                   error_reply(-1000, "Invalid worker name"));
     }
-    for (const std::string& member : {"5"s, quoted("x\r\ny")}) {
-        EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), member)),
-                  error_reply(-1000, "Invalid service name"));
-    }
+    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), quoted("x\r\ny"))),
+              error_reply(-1000, "Invalid service name"));
     // Without a broker an attempted write would have logged its failure.
     EXPECT_FALSE(logged("registration relay"));
-    EXPECT_TRUE(
-        logged("Invalid worker name: 'w\\r\\nPUB $JS.API.STREAM.DELETE.KV_qv-av-config "
-               "0\\r\\n'"));
-    EXPECT_TRUE(logged("Invalid worker name: 'a\\x00b'"));
-    EXPECT_TRUE(logged("Invalid worker name: '" + std::string(64, 'w') + "...'"));
-    EXPECT_TRUE(logged("Invalid service name: '5'"));
-    EXPECT_TRUE(logged("Invalid service name: 'x\\r\\ny'"));
 
     // A missing, null or empty service name is still relayed, for the projection to refuse.
-    EXPECT_EQ(call(service, R"({"Command": 200, "worker-name": "qv-av-trellix.h_1"})"), kOK);
-    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "null")), kOK);
-    EXPECT_EQ(call(service, registration(quoted("qv-av-trellix.h_1"), "\"\"")), kOK);
+    for (const std::string& body : {R"({"Command": 200, "worker-name": "qv-av-trellix.h_1"})"s,
+                                    registration(quoted("qv-av-trellix.h_1"), "null"),
+                                    registration(quoted("qv-av-trellix.h_1"), "\"\"")}) {
+        EXPECT_EQ(call(service, body), kOK) << body;
+    }
     EXPECT_TRUE(logged("registration relay: failed to write 'qv-av-trellix.h_1'"));
 }
 
 TEST_F(HostileRequests, ProjectionSkipsEntriesWithInvalidNames) {
     auto apply = [&](const std::string& worker, const std::string& service) {
-        return qvctrl_apply_worker_registration(config.get(),
-                                                qv_json_parse(registration(worker, service)).get());
+        return qvctrl_apply_worker_registration(
+            config.get(), qv_json_parse(registration(quoted(worker), quoted(service))).get());
     };
-    EXPECT_EQ(apply(quoted("qv-av-trellix.h b"), "\"qv-av-trellix\""), -1);
-    EXPECT_EQ(apply(quoted("qv-av-events-dispatch"), "\"qv-av-trellix\""), -1);
-    EXPECT_EQ(apply(quoted("qv-av-trellix.h\0x"s), "\"qv-av-trellix\""), -1);
-    EXPECT_EQ(apply(quoted("qv-av-trellix.h_1"), quoted("qv-av-trellix\r\n")), -1);
+    for (const auto& [worker, service] : {std::pair{"qv-av-trellix.h b"s, "qv-av-trellix"s},
+                                          {"qv-av-trellix.h\0x"s, "qv-av-trellix"s},
+                                          {"qv-av-trellix.h_1"s, "qv-av-trellix\r\n"s}}) {
+        EXPECT_EQ(apply(worker, service), -1) << worker;
+    }
     EXPECT_EQ(config->running_services.size(), 0u);
-    EXPECT_TRUE(
-        logged("Registry: skipping registration with an invalid worker name: "
-               "'qv-av-trellix.h b'"));
     EXPECT_TRUE(
         logged("Registry: skipping registration with an invalid service name: "
                "'qv-av-trellix\\r\\n'"));
-    EXPECT_EQ(apply(quoted("qv-av-trellix.h_1"), "\"qv-av-trellix\""), 0);
+    EXPECT_EQ(apply("qv-av-trellix.h_1", "qv-av-trellix"), 0);
     EXPECT_EQ(config->running_services.size(), 1u);
-}
-
-TEST_F(HostileRequests, CacheFlushNeverSendsToANameThatIsNoWorkerSubject) {
-    for (const char* name : {"qv-av-events-dispatch", "_INBOX.x", "a b", "qv-av-mimescan.h_1"}) {
-        auto w = std::make_shared<qv_active_worker_t>();
-        w->servicename = "qv-av-mimescan";
-        w->controlservicename = name;
-        config->running_services.append(w);
-    }
-    qvctrl_flush_worker_caches(config.get(), "qv-av-mimescan", nullptr, nullptr);
-    EXPECT_TRUE(
-        logged("Not flushing the caches of a worker with an invalid name: "
-               "'qv-av-events-dispatch'"));
-    EXPECT_TRUE(logged("Not flushing the caches of a worker with an invalid name: '_INBOX.x'"));
-    EXPECT_FALSE(logged("requesting worker qv-av-events-dispatch"));
-    EXPECT_FALSE(logged("requesting worker _INBOX.x"));
-    EXPECT_FALSE(logged("requesting worker a b"));
-    EXPECT_TRUE(logged("requesting worker qv-av-mimescan.h_1 to flush"));
 }
 
 TEST_F(HostileRequests, ClientServiceNameIsCheckedAsItIsLookedUpAndTheHostOnlyLogged) {
@@ -130,7 +101,6 @@ TEST_F(HostileRequests, ClientServiceNameIsCheckedAsItIsLookedUpAndTheHostOnlyLo
     log.clear();
     EXPECT_EQ(call(client, request("sap01\r\nforged line", "qv-av-trellix")), kOK);
     EXPECT_TRUE(logged("r1 - PRD at sap01\\r\\nforged line is requesting service"));
-    EXPECT_TRUE(logged("qv-av-control service got message: {\"Command\": 2,"));
     EXPECT_FALSE(logged("\nforged line"));
 }
 
@@ -139,55 +109,25 @@ TEST_F(HostileRequests, EveryDispatcherTakesOnlyAJsonObject) {
                                                 qv_av_control_worker_client_request_handler,
                                                 qv_av_control_event_request_handler};
     for (const qv_service_handler_t dispatcher : dispatchers) {
-        for (const std::string& body : {"[1]"s, "\"x\""s, "3"s, "null"s, "true"s,
-                                        "{\"Command\": 3} x"s, "{\"Command\": 3}\0x"s}) {
+        for (const std::string& body :
+             {"[1]"s, "true"s, "{\"Command\": 3} x"s, "{\"Command\": 3}\0x"s}) {
             int rc = 0;
             EXPECT_EQ(call(dispatcher, body, &rc), "{\"ReturnCode\": -1}")
                 << qv_escape_for_log(body);
             EXPECT_EQ(rc, -1);
         }
     }
-    EXPECT_TRUE(logged("Failed to parse JSON. Errorcode: not a JSON object. JSON: \n"));
     // A dumped request cannot start a line of its own.
-    log.clear();
     call(qv_av_control_worker_service_request_handler, "{\"Command\": 77,\r\n\"forged\": 1}");
     EXPECT_TRUE(logged("Complete request:\n{\"Command\": 77,\\r\\n\"forged\": 1}"));
     EXPECT_FALSE(logged("\n\"forged\""));
 }
 
-TEST_F(HostileRequests, LocalSubscriptionListsOnlyPlainSubjectsAndPatterns) {
-    const auto events = qv_av_control_event_request_handler;
-    auto subscribe = [](const std::string& service, const std::string& realm) {
-        return R"({"Command": 500, "Service": )" + quoted(service) + R"(, "realmID": )" +
-               quoted(realm) + R"(, "SID": "S?1", "Hostname": "*", "Modules": "qv-av-*"})";
-    };
-    for (const char* subject : {"_INBOX.abc", "qv-av-events-dispatch", "a.*", "$JS.API.X"}) {
-        EXPECT_EQ(call(events, subscribe(subject, "*")),
-                  error_reply(-1000, "Invalid handler subject"));
-    }
-    EXPECT_EQ(call(events, subscribe("qv-test.h", "r 1")),
-              error_reply(-1000, "Invalid realm pattern"));
-    EXPECT_TRUE(config->event_workers_list.empty());
-    EXPECT_TRUE(logged("Invalid handler subject: '$JS.API.X'"));
-    EXPECT_TRUE(logged("Invalid realm pattern: 'r 1'"));
-
-    EXPECT_EQ(call(events, subscribe("qv-test.h", "r?;r1*")), kOK);
-    ASSERT_EQ(config->event_workers_list.size(), 1u);
-    EXPECT_EQ(config->event_workers_list.front().realm, "r?;r1*");
-}
-
 TEST_F(HostileRequests, SharedProjectionSkipsForeignKeysAndInvalidScopes) {
     config->event_subscription_kv_enabled = true;
     const std::string good = R"({"realmID": "r1", "SID": "*", "Hostname": "*", "Modules": "*"})";
-    for (const char* key : {"$JS.API.STREAM.PURGE.KV_qv-av-config", "_INBOX.x",
-                            "qv-av-events-dispatch", "a b", "a.>"}) {
-        qvctrl_event_sub_apply_put(config.get(), key, good.c_str());
-    }
+    qvctrl_event_sub_apply_put(config.get(), "_INBOX.x", good.c_str());
     EXPECT_TRUE(config->event_workers_list.empty());
-    EXPECT_TRUE(
-        logged("event-sub: skipping invalid subscription key: "
-               "'$JS.API.STREAM.PURGE.KV_qv-av-config'"));
-
     qvctrl_event_sub_apply_put(config.get(), "qv-test.s", good.c_str());
     ASSERT_EQ(config->event_workers_list.size(), 1u);
     // A value with an invalid pattern list changes nothing, whichever member holds it.

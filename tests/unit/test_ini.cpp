@@ -4,7 +4,6 @@
 #include <string>
 
 #include "ini.h"
-#include "qv_config.h"
 #include "qv_test_util.h"
 
 namespace {
@@ -94,35 +93,4 @@ TEST_F(IniFile, LoadFailuresReportTheReason) {
     auto empty = load("");
     ASSERT_TRUE(empty);
     EXPECT_EQ(ini_get(empty.get(), nullptr, "K"), nullptr);
-}
-
-TEST_F(IniFile, TypedGetters) {
-    auto ini = load(
-        "[GLOBAL]\n"
-        "WORDS=a b\n"
-        "TAB=\"a\\tb\"\n"
-        "SPACE=\"\\t\"\n"
-        "NUM=42abc\n"
-        "BIG=5000000000\n"
-        "BAD=abc\n");
-    ASSERT_TRUE(ini);
-    std::string text;
-    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "WORDS", &text), 1);
-    EXPECT_EQ(text, "a");
-    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "TAB", &text), 1);
-    EXPECT_EQ(text, "a");
-    EXPECT_EQ(GetStringFromConfigFile(ini.get(), "GLOBAL", "SPACE", &text), 1);
-    EXPECT_EQ(text, "");
-
-    int number = 7;
-    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "MISSING", &number), 0);
-    EXPECT_EQ(number, 7);
-    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "NUM", &number), 1);
-    EXPECT_EQ(number, 42);
-    // Present but not a number: reported as found, destination unchanged.
-    EXPECT_EQ(GetIntFromConfigFile(ini.get(), "GLOBAL", "BAD", &number), 1);
-    EXPECT_EQ(number, 42);
-    long big = 0;
-    EXPECT_EQ(GetLongFromConfigFile(ini.get(), "GLOBAL", "BIG", &big), 1);
-    EXPECT_EQ(big, 5000000000L);
 }

@@ -25,66 +25,34 @@ namespace {
 // text, and a difference shows by field name.
 std::string s_settings(const quorvale_control_config_t& c) {
     std::ostringstream out;
-#define QV_FIELD(expr) out << #expr << '=' << (expr) << '\n'
-    QV_FIELD(c.tracelevel);
-    QV_FIELD(c.tracefile);
-    QV_FIELD(c.tracefile_max_size);
-    QV_FIELD(c.trace_to_screen);
-    QV_FIELD(c.cloud_mode);
-    QV_FIELD(c.cloud_management);
-    QV_FIELD(c.config_poll_interval);
+#define F(expr) #expr "=" << (expr) << '\n'
+    out << F(c.tracelevel) << F(c.tracefile) << F(c.tracefile_max_size) << F(c.trace_to_screen)
+        << F(c.cloud_mode) << F(c.cloud_management) << F(c.config_poll_interval);
     if (const qv_nats_config* n = c.main_nats_config.get()) {
-        QV_FIELD(n->server_url);
-        QV_FIELD(n->user);
-        QV_FIELD(n->password);
-        QV_FIELD(n->broker_name);
-        QV_FIELD(n->cert_path);
-        QV_FIELD(n->max_staged_payload);
+        out << F(n->server_url) << F(n->user) << F(n->password) << F(n->broker_name)
+            << F(n->cert_path) << F(n->max_staged_payload);
     }
-    QV_FIELD(c.apigw_url);
-    QV_FIELD(c.apigw_user);
-    QV_FIELD(c.apigw_password);
-    QV_FIELD(static_cast<bool>(c.backend_amqp_config));
-    QV_FIELD(c.log->external_logger);
-    QV_FIELD(c.external_epolog_service);
-    QV_FIELD(c.log->basedir_blocklog);
-    QV_FIELD(c.log->basedir_statuslog);
-    QV_FIELD(c.log->basedir_updatelog);
-    QV_FIELD(c.log->basedir_errorlog);
-    QV_FIELD(c.log->basedir_epolog);
-    QV_FIELD(c.log->basedir_scanlog);
-    QV_FIELD(c.log->max_logfile_size_MB);
-    QV_FIELD(c.log->log_as_json);
-    QV_FIELD(c.log->split_logs_by_realm);
-    QV_FIELD(c.log->cluster_name);
-    QV_FIELD(c.shutdown_delay);
-    QV_FIELD(c.worker_timeout);
-    QV_FIELD(c.worker_registry_ttl_ms);
-    QV_FIELD(c.worker_registry_enabled);
-    QV_FIELD(c.worker_registry_sync_interval_ms);
-    QV_FIELD(c.event_subscription_kv_enabled);
-    QV_FIELD(c.event_subscription_ttl_ms);
-    QV_FIELD(c.event_subscription_sync_interval_ms);
-    QV_FIELD(c.number_of_client_side_worker_threads);
-    QV_FIELD(c.number_of_service_side_worker_threads);
-    QV_FIELD(c.number_of_logger_threads);
-    QV_FIELD(c.number_of_event_dispatcher_threads);
-    QV_FIELD(c.number_of_epolog_threads);
-    QV_FIELD(c.run_as_daemon);
-    QV_FIELD(c.update_config->update_server);
-    QV_FIELD(c.update_config->update_engine);
-    QV_FIELD(c.update_config->update_data);
-    QV_FIELD(c.update_config->update_binary);
-    QV_FIELD(c.update_config->update_check_interval);
-    QV_FIELD(c.update_config->update_max_backups);
-    QV_FIELD(c.network_config->http_proxy);
-    QV_FIELD(c.temppath);
-    QV_FIELD(c.broker_auth_file);
-    QV_FIELD(c.broker_pid_file);
+    const log_config& l = *c.log;
+    out << F(c.apigw_url) << F(c.apigw_user) << F(c.apigw_password)
+        << F(static_cast<bool>(c.backend_amqp_config)) << F(l.external_logger)
+        << F(c.external_epolog_service) << F(l.basedir_blocklog) << F(l.basedir_statuslog)
+        << F(l.basedir_updatelog) << F(l.basedir_errorlog) << F(l.basedir_epolog)
+        << F(l.basedir_scanlog) << F(l.max_logfile_size_MB) << F(l.log_as_json)
+        << F(l.split_logs_by_realm) << F(l.cluster_name) << F(c.shutdown_delay)
+        << F(c.worker_timeout) << F(c.worker_registry_ttl_ms) << F(c.worker_registry_enabled)
+        << F(c.worker_registry_sync_interval_ms) << F(c.event_subscription_kv_enabled)
+        << F(c.event_subscription_ttl_ms) << F(c.event_subscription_sync_interval_ms)
+        << F(c.number_of_client_side_worker_threads) << F(c.number_of_service_side_worker_threads)
+        << F(c.number_of_logger_threads) << F(c.number_of_event_dispatcher_threads)
+        << F(c.number_of_epolog_threads) << F(c.run_as_daemon);
+    const qv_update_config_t& u = *c.update_config;
+    out << F(u.update_server) << F(u.update_engine) << F(u.update_data) << F(u.update_binary)
+        << F(u.update_check_interval) << F(u.update_max_backups) << F(c.network_config->http_proxy)
+        << F(c.temppath) << F(c.broker_auth_file) << F(c.broker_pid_file);
     for (const qv_installed_service_t& service : c.controlled_services) {
-        QV_FIELD(service.servicename);
+        out << F(service.servicename);
     }
-#undef QV_FIELD
+#undef F
     return out.str();
 }
 
@@ -161,10 +129,9 @@ TEST_F(PackagedConfig, DocumentedDefaultsAreTheDaemonsOwn) {
         // A setting: an optional ';', a key of letters, digits, '_' and '-' starting with a
         // letter, '=' and the value.
         const bool commented = !line.empty() && line[0] == ';';
-        const size_t key_start = commented ? 1 : 0;
         const size_t eq = line.find('=');
         const std::string key =
-            eq == std::string::npos ? "" : line.substr(key_start, eq - key_start);
+            eq == std::string::npos ? "" : line.substr(commented, eq - commented);
         const bool is_setting =
             !key.empty() && isalpha(static_cast<unsigned char>(key[0])) &&
             key.find_first_not_of(

