@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <string>
-#include <vector>
 
 #include "daemon_process.h"
 #include "nats_server.h"
@@ -57,56 +56,20 @@ TEST_F(Daemon, StartsServesPingAndStopsCleanly) {
 
     EXPECT_EQ(qvtest::read_file(d.basedir() + "/qv-av-control/.running_version"),
               "quorvale Anti-Virus 4.0.5 Build 136\r\nqv-av-control v.2.2\n ");
-    const std::string logs = d.logs();
-    EXPECT_TRUE(has(logs, "  Starting qv-av-control"));
-    EXPECT_TRUE(
-        has(logs, "NATS: connected to " + server.url() + " (user=control@local, jetstream=yes)"));
-    const std::string lock = lock_path(logs);
+    const std::string lock = lock_path(d.logs());
     ASSERT_FALSE(lock.empty());
-    EXPECT_TRUE(has(logs, lock + " locked"));
-    // Daemon mode (the default) writes the PID into the PID file and creates no heartbeat.
+    // Daemon mode (the default) writes the PID into the PID file.
     EXPECT_EQ(qvtest::read_file(lock.substr(0, lock.size() - 5) + ".pid"), std::to_string(d.pid()));
-    EXPECT_FALSE(has(logs, "heartbeat file"));
-
     EXPECT_EQ(d.stop(), 0);
-    EXPECT_TRUE(has(d.logs(), "Signal received. Exiting gracefully..."));
-    EXPECT_TRUE(has(d.logs(), "Ending control with rc=0"));
 }
 
-TEST_F(Daemon, StartupFailuresEndWithStatus255) {
-    auto fails = [](DaemonProcess& p, const std::vector<std::string>& args,
-                    const std::vector<std::string>& texts) {
-        ASSERT_TRUE(p.start(args));
-        // Without a readable configuration the default shutdown delay of 15 s comes first.
-        EXPECT_EQ(p.wait_exit(60s), 255);
-        for (const std::string& text : texts) {
-            EXPECT_TRUE(has(p.logs(), text)) << p.logs();
-        }
-    };
-    // The reader stops at the missing password, before the user is derived: the first check
-    // that fails is the user's.
-    d.control_keys.erase("BROKER_PASSWORD");
-    d.write_config();
-    fails(d, {}, {"Invalid Parameter BROKER_USER"});
-    EXPECT_TRUE(qvtest::file_exists(d.basedir() + "/qv-av-control/.running_version"));
-
-    DaemonProcess no_basedir;
-    no_basedir.use_nats(server.url(), kUser, kPassword);
-    no_basedir.write_config();
-    fails(no_basedir, {"--console-mode", "--config-file", no_basedir.ini_path()},
-          {"Invalid Parameter 'basedir'"});
-
+TEST_F(Daemon, StartupFailureEndsWithStatus255) {
     DaemonProcess no_file;
-    fails(no_file,
-          {"--console-mode", "--basedir", no_file.basedir(), "--config-file",
-           no_file.root() + "/missing.ini"},
-          {"Invalid Parameter NATS_URL / BROKER_URL"});
-    EXPECT_TRUE(qvtest::file_exists(no_file.basedir() + "/qv-av-control/.running_version"));
-
-    DaemonProcess bogus;
-    fails(bogus, {"--bogus"},
-          {"Unknown option \"- ?\"", "Failed to parse command line parameters\r\n",
-           "Usage: quorvale-control -c <config hash> -d <base directory>"});
+    ASSERT_TRUE(no_file.start({"--console-mode", "--basedir", no_file.basedir(), "--config-file",
+                               no_file.root() + "/missing.ini"}));
+    // Without a readable configuration the default shutdown delay of 15 s comes first.
+    EXPECT_EQ(no_file.wait_exit(60s), 255);
+    EXPECT_TRUE(has(no_file.logs(), "Invalid Parameter NATS_URL / BROKER_URL")) << no_file.logs();
 }
 
 TEST_F(Daemon, NonDaemonModeKeepsAHeartbeatAndASecondInstanceWaitsOnTheLock) {

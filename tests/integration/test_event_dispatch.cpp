@@ -116,17 +116,9 @@ TEST_F(EventService, LocalSubscriptionsRenewWithoutRescopingAndLapse) {
     ASSERT_EQ(handlers().size(), 1u);
     EXPECT_GE(handlers().front().expiration, after + 30);
     EXPECT_EQ(handlers().front().modules, "qv-av-trellix");
-    qvtest::LogCapture log;
+    // An event nobody takes is no failure.
     EXPECT_EQ(call(event("qv-av-mimescan", "h1", "r1", "S1")), kOK);
     EXPECT_EQ(a.count(), 0u);
-    // An event nobody takes is no failure; the trace shows why each candidate did not match.
-    EXPECT_TRUE(
-        log.contains("Dispatch: NO subscriber matched — 1 handler(s) in this node's "
-                     "projection; event filter Hostname='h1' realmID='r1' SID='S1' "
-                     "Component='qv-av-mimescan'"));
-    EXPECT_TRUE(
-        log.contains("Dispatch:   candidate service='qv-test.a' scope{ Hostname='h1'(1) "
-                     "realmID='r1'(1) SID='S1'(1) Modules='qv-av-trellix'(0) }"));
     EXPECT_EQ(call(event("qv-av-trellix", "h1", "r1", "S1")), kOK);
     EXPECT_EQ(a.count(), 1u);
     std::string value;
@@ -142,59 +134,39 @@ TEST_F(EventService, LocalSubscriptionsRenewWithoutRescopingAndLapse) {
     EXPECT_EQ(handlers().front().service, "qv-test.b");
 }
 
-TEST_F(EventService, MalformedSubscriptionsAreAnsweredOkAndStoreNothing) {
-    for (bool shared : {false, true}) {
-        config->event_subscription_kv_enabled = shared;
-        for (const char* key : {"Service", "realmID", "SID", "Hostname", "Modules"}) {
-            qv::json_ptr request = qv_json_parse(subscribe("qv-test.m", "*"));
-            json_object_object_del(request.get(), key);
-            EXPECT_EQ(call(qv_json_to_string(request.get())), kOK) << key;
-            json_object_object_add(request.get(), key, json_object_new_string(""));
-            EXPECT_EQ(call(qv_json_to_string(request.get())), kOK) << key;
-        }
-        EXPECT_TRUE(handlers().empty());
-        std::string value;
-        EXPECT_EQ(bucket_get("qv-test.m", &value), 1);
-    }
-}
-
 TEST_F(EventService, DispatchReachesEveryMatchingScope) {
     Recorder& lists = peer->serve("qv-test.lists");
-    Recorder& prefix = peer->serve("qv-test.prefix");
     Recorder& upper = peer->serve("qv-test.upper");
-    Recorder& separators = peer->serve("qv-test.separators");
     Recorder& empty = peer->serve("qv-test.empty");
     Recorder& any = peer->serve("qv-test.any");
     Recorder& narrow = peer->serve("qv-test.narrow");
     add_handler("qv-test.lists", "host1;host2");
-    add_handler("qv-test.prefix", "host*");
     add_handler("qv-test.upper", "HOST2");
-    add_handler("qv-test.separators", ";;");
     add_handler("qv-test.empty", "");
     add_handler("qv-test.any", "*");
     add_handler("qv-test.narrow", "*", "r1;r2", "S?1", "qv-av-*");
     auto counts = [&] {
         std::string s;
-        for (Recorder* r : {&lists, &prefix, &upper, &separators, &empty, &any, &narrow}) {
+        for (Recorder* r : {&lists, &upper, &empty, &any, &narrow}) {
             s += std::to_string(r->count());
         }
         return s;
     };
     const std::string first = event("qv-av-mimescan", "host2", "r2", "S01");
     EXPECT_EQ(call(first), kOK);
-    EXPECT_EQ(counts(), "1100011");
+    EXPECT_EQ(counts(), "10011");
     // Forwarded whole: "Command", the event and the filter members as they came.
     qv::json_ptr sent = qv_json_parse(any.received().at(0));
     ASSERT_TRUE(sent);
     EXPECT_TRUE(json_object_equal(sent.get(), qv_json_parse(first).get()));
 
     EXPECT_EQ(call(event("qv-av-mimescan")), kOK);  // no host, realm or SID
-    EXPECT_EQ(counts(), "1100121");
+    EXPECT_EQ(counts(), "10121");
     EXPECT_EQ(call(event("other", "host1", "r1", "S11")), kOK);
-    EXPECT_EQ(counts(), "2200131");
+    EXPECT_EQ(counts(), "20131");
 }
 
-TEST_F(EventService, FailedForwardsAndMalformedEventsAreReportedToTheSender) {
+TEST_F(EventService, FailedForwardsAreReportedToTheSenderAndSkipNoOtherHandler) {
     Recorder& good = peer->serve("qv-test.good");
     Recorder& refusing = peer->serve("qv-test.refusing");
     refusing.reply_code = -3;
@@ -211,15 +183,6 @@ TEST_F(EventService, FailedForwardsAndMalformedEventsAreReportedToTheSender) {
     EXPECT_EQ(call(event("qv-av-trellix")), failed);
     EXPECT_EQ(good.count(), 3u);
     EXPECT_EQ(refusing.count(), 1u);
-
-    EXPECT_EQ(call(R"({"Command": 501, "Component": "x"})"),
-              "{\"ReturnCode\": -1000, \"Error\": \"\"}");
-    EXPECT_EQ(call(R"({"Command": 501, "Event": 1, "Component": ""})"),
-              "{\"ReturnCode\": -1000, \"Error\": \"Key Component found, but value is empty\"}");
-    // Unknown commands are ignored with a plain reply.
-    EXPECT_EQ(call(R"({"Command": 502, "Event": 1, "Component": "x"})"), kOK);
-    EXPECT_EQ(call(R"({"Event": 1, "Component": "x"})"), kOK);
-    EXPECT_EQ(good.count(), 3u);
 }
 
 TEST_F(EventService, SharedSubscriptionsFollowTheBucket) {
@@ -235,17 +198,16 @@ TEST_F(EventService, SharedSubscriptionsFollowTheBucket) {
     ASSERT_EQ(handlers().size(), 1u);
     EXPECT_EQ(handlers().front().hostname, "h1");
     EXPECT_GE(handlers().front().expiration, time(nullptr) + 31536000 - 5);
-    // In the bucket a new scope applies at once; a value without members gives empty patterns.
+    // In the bucket a new scope applies at once (unlike a local renewal).
     EXPECT_EQ(call(subscribe("qv-test.s", "qv-av-mimescan", "h2")), kOK);
-    ASSERT_EQ(qv_nats_kv_put(peer->client.get(), kBucket, "qv-test.bare", "{}", 0), 0);
+    ASSERT_EQ(qv_nats_kv_put(peer->client.get(), kBucket, "qv-test.other", "{}", 0), 0);
     ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
     ASSERT_EQ(handlers().size(), 2u);
     EXPECT_EQ(handlers().front().modules + "|" + handlers().front().hostname, "qv-av-mimescan|h2");
-    EXPECT_EQ(handlers().back().modules + handlers().back().realm + handlers().back().SID, "");
 
     // An unreadable value keeps the scope it replaced; a deleted key drops its handler.
     ASSERT_EQ(qv_nats_kv_put(peer->client.get(), kBucket, "qv-test.s", "not json", 0), 0);
-    qv_nats_kv_delete(peer->client.get(), kBucket, "qv-test.bare");
+    qv_nats_kv_delete(peer->client.get(), kBucket, "qv-test.other");
     ASSERT_EQ(qvctrl_event_sub_reconcile(config.get()), 0);
     ASSERT_EQ(handlers().size(), 1u);
     EXPECT_EQ(handlers().front().hostname, "h2");

@@ -14,13 +14,11 @@
 #include "qv_http_gateway_client.h"
 #include "qv_json.h"
 #include "qv_test_util.h"
-#include "qvhlp_network.h"
 
 using qvtest::HttpRequest;
 using qvtest::HttpTestProxy;
 using qvtest::HttpTestServer;
 using qvtest::parse_multipart;
-using namespace std::string_literals;
 
 namespace {
 
@@ -63,50 +61,10 @@ class GatewayTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(GatewayTest, PostsTheRequestAsMultipartFormWithServiceHeaderAndBasicAuth) {
+// A payload larger than the size at which curl would otherwise wait for "100 Continue".
+TEST_F(GatewayTest, PostsRequestAndPayloadAsMultipartFormWithServiceHeaderAndBasicAuth) {
     HttpTestServer server;
     server.respond(200, "{\"ReturnCode\": 0, \"TenantID\": \"t-1\"}");
-
-    ASSERT_EQ(post(server.url()), 0) << error_;
-    EXPECT_EQ(return_code(), 0);
-    EXPECT_EQ(error_, "");
-
-    const HttpRequest r = server.requests().at(0);
-    EXPECT_EQ(r.method, "POST");
-    EXPECT_EQ(r.target, "/vsi");
-    EXPECT_EQ(r.header("X-Target-Service"), "qv-av-control");
-    EXPECT_EQ(r.header("Authorization"), basic_credentials("alice", "s3cret"));
-    EXPECT_EQ(r.header("User-Agent"), "quorvale-av-client/4");
-    EXPECT_FALSE(r.header("Expect").has_value());
-    const auto parts = parse_multipart(r);
-    ASSERT_EQ(parts.size(), 1u) << r.body;
-    EXPECT_EQ(parts[0].name, "request");
-    EXPECT_EQ(parts[0].content_type, "application/json");
-    EXPECT_EQ(parts[0].data, request_);
-
-    // At trace level the transfer is narrated line by line, headers included.
-    for (const std::string& line :
-         {"curl > POST /vsi HTTP/1.1"s, "curl > X-Target-Service: qv-av-control"s,
-          "curl < HTTP/1.1 200 OK"s,
-          "qv_http_gateway_client: POST " + server.url("/vsi") +
-              " service=qv-av-control json_len=" + std::to_string(strlen(request_)) +
-              " body_len=0 timeout=10000ms"}) {
-        EXPECT_TRUE(log_.contains(line)) << line;
-    }
-
-    // Basic auth needs both user and password.
-    ASSERT_EQ(post(server.url(), nullptr, "", ""), 0) << error_;
-    ASSERT_EQ(post(server.url(), nullptr, "alice", ""), 0) << error_;
-    const std::vector<HttpRequest> anonymous = server.requests();
-    ASSERT_EQ(anonymous.size(), 3u);
-    EXPECT_FALSE(anonymous[1].header("Authorization").has_value());
-    EXPECT_FALSE(anonymous[2].header("Authorization").has_value());
-    EXPECT_TRUE(log_.contains("qv_http_gateway_client: no Basic Auth credentials set"));
-}
-
-TEST_F(GatewayTest, LargePayloadIsSentExactlyWithoutWaitingToContinue) {
-    HttpTestServer server;
-    // Larger than the size at which curl would otherwise wait for "100 Continue".
     std::vector<unsigned char> payload(2 * 1024 * 1024 + 17);
     randombytes_buf(payload.data(), payload.size());
     ASSERT_EQ(qv_gateway_send_recv_scan(server.url().c_str(), "alice", "s3cret", "qv-av-trellix",
@@ -114,33 +72,29 @@ TEST_F(GatewayTest, LargePayloadIsSentExactlyWithoutWaitingToContinue) {
                                         &reply_, &error_),
               0)
         << error_;
+    EXPECT_EQ(return_code(), 0);
+    EXPECT_EQ(error_, "");
 
-    const HttpRequest seen = server.requests().at(0);
-    EXPECT_FALSE(seen.header("Expect").has_value());
-    EXPECT_EQ(seen.header("X-Target-Service"), "qv-av-trellix");
-    const auto parts = parse_multipart(seen);
-    ASSERT_EQ(parts.size(), 2u);
+    const HttpRequest r = server.requests().at(0);
+    EXPECT_EQ(r.method, "POST");
+    EXPECT_EQ(r.target, "/vsi");
+    EXPECT_EQ(r.header("X-Target-Service"), "qv-av-trellix");
+    EXPECT_EQ(r.header("Authorization"), basic_credentials("alice", "s3cret"));
+    EXPECT_EQ(r.header("User-Agent"), "quorvale-av-client/4");
+    EXPECT_FALSE(r.header("Expect").has_value());
+    const auto parts = parse_multipart(r);
+    ASSERT_EQ(parts.size(), 2u) << r.body.substr(0, 200);
+    EXPECT_EQ(parts[0].name, "request");
+    EXPECT_EQ(parts[0].content_type, "application/json");
     EXPECT_EQ(parts[0].data, request_);
     EXPECT_EQ(parts[1].name, "payload");
     EXPECT_EQ(parts[1].content_type, "application/octet-stream");
     EXPECT_EQ(parts[1].data, std::string(payload.begin(), payload.end()));
-}
 
-TEST_F(GatewayTest, ServletPathIsAppendedOnlyToAUrlWithoutPath) {
-    HttpTestServer server;
-    qv_gateway_opts_t custom;
-    qv_gateway_opts_defaults(&custom);
-    custom.servlet_path = "/gateway";
-    // A bare slash is a path of its own: "//vsi".
-    const std::tuple<std::string, const qv_gateway_opts_t*, std::string> cases[] = {
-        {"/api/v2/scan", nullptr, "/api/v2/scan"},
-        {"", nullptr, "/vsi"},
-        {"/", nullptr, "//vsi"},
-        {"", &custom, "/gateway"}};
-    for (const auto& [path, opts, target] : cases) {
-        ASSERT_EQ(post(server.url(path), opts), 0) << error_;
-        EXPECT_EQ(server.requests().back().target, target) << path;
-    }
+    // A URL with a path of its own is used as it is; without credentials there is no header.
+    ASSERT_EQ(post(server.url("/api/v2/scan"), nullptr, "alice", ""), 0) << error_;
+    EXPECT_EQ(server.requests().back().target, "/api/v2/scan");
+    EXPECT_FALSE(server.requests().back().header("Authorization").has_value());
 }
 
 TEST_F(GatewayTest, FailuresReportTheirReasonAndLeaveNoReply) {
@@ -149,18 +103,12 @@ TEST_F(GatewayTest, FailuresReportTheirReasonAndLeaveNoReply) {
 
     using Mode = HttpTestServer::Mode;
     const std::tuple<HttpTestServer::Response, std::string, long> cases[] = {
-        {{Mode::answer, 500, "internal trouble", "text/plain"},
-         "HTTP gateway returned status 500: internal trouble",
-         10000},
         {{Mode::answer, 503, long_body, "text/plain"},
          "HTTP gateway returned status 503: " + long_body.substr(0, 200),
          10000},
         {{Mode::answer, 200, "", "application/json"}, "empty response from HTTP gateway", 10000},
         {{Mode::answer, 200, "{\"ReturnCode\": 0", "application/json"},
          "failed to parse JSON from HTTP gateway response",
-         10000},
-        {{Mode::hang_up, 200, "", ""},
-         "HTTP gateway request failed: " + std::string(curl_easy_strerror(CURLE_GOT_NOTHING)),
          10000},
         // A silent gateway ends in the transfer time-out.
         {{Mode::no_answer},
@@ -177,19 +125,6 @@ TEST_F(GatewayTest, FailuresReportTheirReasonAndLeaveNoReply) {
         EXPECT_FALSE(reply_);
     }
     EXPECT_EQ(server.request_count(), std::size(cases));
-
-    EXPECT_TRUE(
-        log_.contains("qv_http_gateway_client: HTTP gateway returned status 500: internal "
-                      "trouble"));
-    EXPECT_TRUE(
-        log_.contains("qv_http_gateway_client: failed to parse JSON from HTTP gateway "
-                      "response (body={\"ReturnCode\": 0)"));
-
-    // Nobody listening at all.
-    const int closed_port = qvtest::free_port();
-    EXPECT_EQ(post("http://127.0.0.1:" + std::to_string(closed_port)), -1);
-    EXPECT_EQ(error_, "HTTP gateway request failed: " +
-                          std::string(curl_easy_strerror(CURLE_COULDNT_CONNECT)));
 }
 
 TEST_F(GatewayTest, ProxyCarriesTheRequestAndItsOwnCredentials) {
@@ -204,30 +139,23 @@ TEST_F(GatewayTest, ProxyCarriesTheRequestAndItsOwnCredentials) {
 
     ASSERT_EQ(post(server.url(), &opts), 0) << error_;
     EXPECT_EQ(return_code(), 0);
-    opts.proxy_password.clear();  // without a password no proxy credentials are sent
-    ASSERT_EQ(post(server.url(), &opts), 0) << error_;
 
     const auto via_proxy = proxy.requests();
-    ASSERT_EQ(via_proxy.size(), 2u);
+    ASSERT_EQ(via_proxy.size(), 1u);
     EXPECT_EQ(via_proxy[0].target, server.url("/vsi"));
     EXPECT_EQ(via_proxy[0].header("Proxy-Authorization"), basic_credentials("puser", "ppass"));
-    EXPECT_FALSE(via_proxy[1].header("Proxy-Authorization").has_value());
 
     const auto at_origin = server.requests();
-    ASSERT_EQ(at_origin.size(), 2u);
+    ASSERT_EQ(at_origin.size(), 1u);
     EXPECT_EQ(at_origin[0].header("Authorization"), basic_credentials("alice", "s3cret"));
     EXPECT_EQ(parse_multipart(at_origin[0]).at(0).data, request_);
-
-    EXPECT_TRUE(log_.contains("qv_http_gateway_client: using proxy 127.0.0.1:" +
-                              std::to_string(proxy.port())));
 }
 
-TEST_F(GatewayTest, HttpsVerifiesPeerAndHostAsConfigured) {
+TEST_F(GatewayTest, HttpsVerifiesPeerAndHost) {
     HttpTestServer server({.tls = true});
     qv_gateway_opts_t opts;
     qv_gateway_opts_defaults(&opts);
     opts.ca_path = qvtest::test_certificates().ca_cert;
-
     ASSERT_EQ(post(server.url(), &opts), 0) << error_;
 
     // The test CA is not in the system store.
@@ -236,29 +164,8 @@ TEST_F(GatewayTest, HttpsVerifiesPeerAndHostAsConfigured) {
     EXPECT_EQ(post(server.url(), &system_store), -1);
     EXPECT_EQ(error_.rfind("HTTP gateway request failed: ", 0), 0u) << error_;
 
-    system_store.verify_peer = false;
-    EXPECT_EQ(post(server.url(), &system_store), 0) << error_;
-    EXPECT_EQ(server.request_count(), 2u);
-
     // A certificate for localhost / 127.0.0.1 does not name 127.0.0.2.
     HttpTestServer other({.tls = true, .bind_address = "127.0.0.2"});
-    const std::string other_url = "https://127.0.0.2:" + std::to_string(other.port());
-    EXPECT_EQ(post(other_url, &opts), -1);
-    opts.verify_host = false;
-    EXPECT_EQ(post(other_url, &opts), 0) << error_;
-    EXPECT_EQ(other.request_count(), 1u);
-}
-
-TEST(CheckConnect, ReachableClosedAndInvalidPorts) {
-    HttpTestServer server;
-    const std::string open_port = std::to_string(server.port());
-    std::string error;
-    EXPECT_EQ(qvhlp_CheckConnect("127.0.0.1", open_port.c_str(), &error), 0);
-    EXPECT_EQ(qvhlp_CheckConnect("localhost", open_port.c_str(), &error), 0);
-
-    const int closed = qvtest::free_port();
-    EXPECT_EQ(qvhlp_CheckConnect("127.0.0.1", std::to_string(closed).c_str(), &error), -2);
-    EXPECT_EQ(error, "Failed to connect to 127.0.0.1:" + std::to_string(closed));
-
-    EXPECT_EQ(qvhlp_CheckConnect("127.0.0.1", "gateway", nullptr), -1);
+    EXPECT_EQ(post("https://127.0.0.2:" + std::to_string(other.port()), &opts), -1);
+    EXPECT_EQ(server.request_count(), 1u);
 }

@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "log_capture.h"
 #include "nats_peer.h"
 #include "nats_server.h"
 #include "qv_json.h"
@@ -17,7 +16,6 @@
 #include "qv_nats_kv.h"
 #include "qv_validate.h"
 #include "qv_worker_ping_handler.h"
-#include "qvhlp_replies.h"
 
 using qvtest::NatsPeer;
 using qvtest::NatsServer;
@@ -49,11 +47,9 @@ struct Gate {
     std::mutex mutex;
     std::condition_variable cv;
     bool is_open = false;
-    std::atomic<int> entered{0};
 
     static int handle(void* context, qv_const_request_reply_t* rr) {
         auto* gate = static_cast<Gate*>(context);
-        gate->entered++;
         {
             std::unique_lock<std::mutex> lock(gate->mutex);
             gate->cv.wait_for(lock, 60s, [gate] { return gate->is_open; });
@@ -69,7 +65,6 @@ struct Gate {
     }
 };
 Gate s_burst_gate;
-Gate s_drop_gate;
 
 // Opens a gate when the test leaves, also through a failed assertion.
 struct OpenOnExit {
@@ -126,29 +121,13 @@ int ping(qv_nats_config* from, uint32_t timeout_ms = 2000) {
 }  // namespace
 
 TEST_F(ServiceFixture, NoRespondersIsRetriedUnderTheBackOffWithoutUsingAttempts) {
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_NE(reply_to(config.get(), "qv-test.nobody", "{}", 5000).find("failed"),
-              std::string::npos);
-    // The back-off sleeps at least its first three steps before giving up (lower bound only).
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, 175ms);
-
-    // A service that appears during the back-off is reached by the same request; in a fan-out a
-    // subject with nobody behind it yet neither ends the whole fan-out nor fails at once.
+    // A service that appears during the back-off is reached by the same request.
     std::thread late([&] {
         std::this_thread::sleep_for(30ms);
         serve("qv-test.late", seven_handler);
     });
     EXPECT_EQ(qv_nats_simple_request(config.get(), "qv-test.late", "{}", 5000, 0, nullptr), 7);
     late.join();
-    ASSERT_EQ(serve("qv-test.zero", echo_handler), 0);
-    std::thread later([&] {
-        std::this_thread::sleep_for(30ms);
-        serve("qv-test.later", seven_handler);
-    });
-    EXPECT_EQ(qv_nats_simple_request_all(
-                  config.get(), {"qv-test.nobody", "qv-test.later", "qv-test.zero"}, "{}", 4000, 3),
-              (std::vector<int>{-1, 7, 0}));
-    later.join();
 }
 
 TEST(NatsConnect, ServiceSurvivesAServerRestart) {
@@ -164,59 +143,6 @@ TEST(NatsConnect, ServiceSurvivesAServerRestart) {
     ASSERT_TRUE(server.start());
     EXPECT_TRUE(qvtest::wait_until([&] { return requester.ping("qv-test.ping", 500ms) == 0; }));
     stop = 1;
-}
-
-TEST_F(ServiceFixture, AConnectionTheLibraryClosedIsRebuiltWithItsServices) {
-    ASSERT_EQ(server.create_buckets(), 0);
-    qvtest::LogCapture log;
-    ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler), 0);
-    ASSERT_EQ(serve("qv-test.echo", echo_handler, nullptr, 2), 0);
-    qv_nats_config* requester = connect_another();
-    ASSERT_EQ(ping(requester), 0);
-    ASSERT_EQ(qv_nats_kv_put(config.get(), QV_KV_CONFIG_BUCKET, "k", "before", 0), 0);
-
-    // What the library does when it gives the connection up.
-    std::shared_ptr<natsConnection> old = qv_nats_connection(config.get());
-    natsConnection_Close(old.get());
-    EXPECT_EQ(ping(requester, 500), -1);
-    EXPECT_NE(reply_to(config.get(), "qv-test.echo", "{}", 500).find("failed"), std::string::npos);
-    EXPECT_EQ(qv_nats_kv_put(config.get(), QV_KV_CONFIG_BUCKET, "k", "closed", 0), -1);
-    // Its handler threads wait for a new connection rather than end.
-    EXPECT_EQ(config->_handler_threads.load(), 3);
-
-    EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
-    natsConnection* fresh = connection();
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_NE(fresh, old.get());
-    old.reset();
-    EXPECT_EQ(natsConnection_Status(fresh), NATS_CONN_STATUS_CONNECTED);
-    EXPECT_TRUE(log.contains("NATS: new connection to " + server.url() + " in place"));
-    EXPECT_TRUE(qvtest::wait_until([&] { return ping(requester, 500) == 0; }));
-    EXPECT_EQ(reply_to(requester, "qv-test.echo", "{\"n\":1}"),
-              "{\"ReturnCode\":0,\"Echo\":{\"n\":1}}");
-    // Requests from the rebuilt connection, and buckets bound anew on it.
-    EXPECT_EQ(ping(config.get()), 0);
-    std::string value;
-    EXPECT_EQ(qv_nats_kv_get(config.get(), QV_KV_CONFIG_BUCKET, "k", &value), 0);
-    EXPECT_EQ(value, "before");
-    EXPECT_EQ(qv_nats_kv_put(config.get(), QV_KV_CONFIG_BUCKET, "k", "after", 0), 0);
-    EXPECT_EQ(qv_nats_kv_get(requester, QV_KV_CONFIG_BUCKET, "k", &value), 0);
-    EXPECT_EQ(value, "after");
-
-    // With everything in place a second check changes nothing.
-    const std::shared_ptr<jsCtx> js = qv_nats_jetstream(config.get());
-    EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
-    EXPECT_EQ(connection(), fresh);
-    EXPECT_EQ(qv_nats_jetstream(config.get()).get(), js.get());
-    EXPECT_EQ(log.count("NATS: new connection"), 1);
-    EXPECT_EQ(log.count("renewed"), 1);
-    EXPECT_TRUE(log.contains("NATS: 2 service subscription(s) renewed"));
-    EXPECT_EQ(config->_handler_threads.load(), 3);
-
-    // Threads waiting on a closed connection still end on the stop flag.
-    natsConnection_Close(fresh);
-    stop = 1;
-    EXPECT_TRUE(qvtest::wait_until([&] { return config->_handler_threads.load() == 0; }));
 }
 
 TEST_F(ServiceFixture, AThousandConcurrentRequestsFromFourClientsAreAllAnswered) {
@@ -264,68 +190,6 @@ TEST_F(ServiceFixture, AThousandConcurrentRequestsFromFourClientsAreAllAnswered)
     EXPECT_EQ(answered, kClients * kPerClient);
 }
 
-TEST_F(ServiceFixture, RequestsDroppedByAServiceThatFallsBehindAreCountedInTheLog) {
-    Gate& gate = s_drop_gate;
-    OpenOnExit opener{gate};
-    qvtest::LogCapture log;
-    ASSERT_EQ(serve("qv-test.drops", Gate::handle, &gate), 0);
-    NatsPeer peer(server.url());
-    ASSERT_TRUE(peer.connected());
-    // The only handler thread is held; then more (empty, cheap) messages come than the
-    // subscription keeps waiting.
-    peer.publish("qv-test.drops", "{}");
-    ASSERT_TRUE(qvtest::wait_until([&] { return gate.entered.load() == 1; }));
-    for (int i = 0; i < 101000; ++i) {
-        ASSERT_EQ(natsConnection_Publish(peer.conn(), "qv-test.drops", nullptr, 0), NATS_OK) << i;
-    }
-    ASSERT_TRUE(peer.flush());
-    ASSERT_EQ(natsConnection_FlushTimeout(connection(), 10000), NATS_OK);
-    EXPECT_FALSE(log.contains("dropped"));
-    gate.open();
-
-    const std::string line = "NATS: service 'qv-test.drops' dropped ";
-    ASSERT_TRUE(log.wait_for(line));
-    const std::string text = log.text();
-    const long long dropped = std::stoll(text.substr(text.find(line) + line.size()));
-    EXPECT_GT(dropped, 0);
-    EXPECT_LE(dropped, 101000);
-    EXPECT_NE(text.find("request(s) so far: its handler threads fall behind"), std::string::npos);
-    // The service answers again once it has worked through its queue.
-    EXPECT_EQ(reply_to(connect_another(), "qv-test.drops", "{\"after\":1}", 60000),
-              "{\"ReturnCode\":0,\"Echo\":{\"after\":1}}");
-    EXPECT_EQ(log.count(line), 1);
-}
-
-TEST_F(ServiceFixture, OneRequestToTwoThousandSilentHandlersEndsInTimeAndBlocksNoService) {
-    ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler), 0);
-    NatsPeer handlers(server.url());
-    ASSERT_TRUE(handlers.connected());
-    std::vector<std::string> subjects;
-    for (int i = 0; i < 2000; ++i) {
-        subjects.push_back("qv-test.silent." + std::to_string(i));
-    }
-    handlers.subscribe_silently(subjects);
-    qv_nats_config* requester = connect_another();
-
-    std::vector<int> results;
-    std::chrono::steady_clock::duration spent{};
-    // The connection that waits for 2,000 replies keeps serving its own service.
-    const qvtest::PingTally pings = qvtest::ping_while(
-        [&] {
-            const auto t0 = std::chrono::steady_clock::now();
-            results =
-                qv_nats_simple_request_all(config.get(), subjects, "{\"Command\": 501}", 4000, 3);
-            spent = std::chrono::steady_clock::now() - t0;
-        },
-        [&] { return ping(requester); });
-    EXPECT_LT(spent, 15s);
-    EXPECT_EQ(results, std::vector<int>(subjects.size(), -1));
-    EXPECT_EQ(pings.failed, 0);
-    EXPECT_GE(pings.answered, 5);
-    // Every handler was asked once per attempt.
-    EXPECT_EQ(handlers.pending(), std::vector<int>(subjects.size(), 3));
-}
-
 TEST_F(ServiceFixture, FanOutResultsFollowTheSubjectsInOrder) {
     ASSERT_EQ(serve("qv-test.zero", echo_handler), 0);
     ASSERT_EQ(serve("qv-test.seven", seven_handler), 0);
@@ -335,7 +199,6 @@ TEST_F(ServiceFixture, FanOutResultsFollowTheSubjectsInOrder) {
     ASSERT_TRUE(peer.connected());
     peer.subscribe_silently({"qv-test.quiet"});
 
-    EXPECT_TRUE(qv_nats_simple_request_all(config.get(), {}, "{}", 500, 2).empty());
     EXPECT_EQ(qv_nats_simple_request_all(
                   config.get(),
                   {"qv-test.zero", "qv-test.seven", "qv-test.quiet", "qv-test.nobody", "a b",
@@ -350,28 +213,20 @@ TEST_F(ServiceFixture, InvalidSubjectsAreRefusedBeforeAnythingIsSent) {
     NatsPeer peer(server.url());
     ASSERT_TRUE(peer.connected());
     peer.watch_everything();
-    for (const std::string& subject :
-         {"a b"s, "x.*"s, ">"s, std::string(5000, 's'), ""s, "a..b"s, ".a"s, "a."s, "tab\there"s,
-          "qv-test.ping\r\nPUB qv-test.injected 0\r\n"s}) {
+    for (const std::string& subject : {"x.*"s, std::string(5000, 's'), ""s, "a..b"s,
+                                       "qv-test.ping\r\nPUB qv-test.injected 0\r\n"s}) {
         const std::string expected = "NATS: invalid subject '" + qv_escape_for_log(subject) + "'";
         EXPECT_EQ(reply_to(config.get(), subject.c_str(), "{\"Command\": 3}", 500),
                   "(none) " + expected);
-        std::string err;
-        EXPECT_EQ(qv_nats_simple_request(config.get(), subject.c_str(), "{}", 500, 2, &err), -1);
-        EXPECT_EQ(err, expected);
         qv_message_t request;
         request.json_txt = "{}";
         request.data = {1, 2, 3};
         qv_message_t reply;
         qv_const_request_reply_t rr{&request, &reply};
-        err.clear();
+        std::string err;
         EXPECT_FALSE(
             qv_nats_send_recv_json_data(config.get(), subject.c_str(), &rr, 500, 0, 0, &err));
         EXPECT_EQ(err, expected);
-        // In a fan-out only the invalid subject fails.
-        EXPECT_EQ(qv_nats_simple_request_all(config.get(), {subject, "qv-test.ping"},
-                                             "{\"Command\": 3}", 500, 2),
-                  (std::vector<int>{-1, 0}));
         EXPECT_EQ(serve(subject.c_str(), echo_handler), -1);
     }
     natsConnection_Publish(connection(), "qv-test.marker", "", 0);
@@ -379,24 +234,49 @@ TEST_F(ServiceFixture, InvalidSubjectsAreRefusedBeforeAnythingIsSent) {
     for (const std::string& subject : peer.watched_until("qv-test.marker", 10s)) {
         EXPECT_TRUE(subject == "qv-test.ping" || subject.rfind("_INBOX.", 0) == 0) << subject;
     }
-    EXPECT_EQ(natsConnection_Status(connection()), NATS_CONN_STATUS_CONNECTED);
     EXPECT_EQ(ping(config.get()), 0);
     EXPECT_EQ(config->_handler_threads.load(), 1);
 }
 
 TEST_F(ServiceFixture, AConnectionRebuiltWhileTheServerIsAwayServesOnceItIsBack) {
+    ASSERT_EQ(server.create_buckets(), 0);
     ASSERT_EQ(serve("qv-test.ping", qv_worker_ping_request_handler), 0);
-    natsConnection_Close(connection());
+    ASSERT_EQ(serve("qv-test.echo", echo_handler, nullptr, 2), 0);
+    // Binds the bucket on the first connection.
+    ASSERT_EQ(qv_nats_kv_put(config.get(), QV_KV_CONFIG_BUCKET, "k", "before", 0), 0);
+
+    // What the library does when it gives the connection up in a long outage.
+    std::shared_ptr<natsConnection> old = qv_nats_connection(config.get());
+    natsConnection_Close(old.get());
     server.stop();
+    // Its handler threads wait for a new connection rather than end.
+    EXPECT_EQ(config->_handler_threads.load(), 3);
     // The new connection keeps trying in the background; its services are subscribed already.
     EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
-    ASSERT_TRUE(qv_nats_connection(config.get()));
-    EXPECT_FALSE(natsConnection_IsClosed(connection()));
+    natsConnection* fresh = connection();
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_NE(fresh, old.get());
+    old.reset();
+    EXPECT_FALSE(natsConnection_IsClosed(fresh));
+
     ASSERT_TRUE(server.start());
     qv_nats_config* requester = connect_another();
     EXPECT_TRUE(qvtest::wait_until([&] { return ping(requester, 500) == 0; }));
+    EXPECT_EQ(reply_to(requester, "qv-test.echo", "{\"n\":1}"),
+              "{\"ReturnCode\":0,\"Echo\":{\"n\":1}}");
+    // Requests from the rebuilt connection, and buckets bound anew on it.
+    EXPECT_EQ(ping(config.get()), 0);
+    EXPECT_EQ(qv_nats_kv_put(config.get(), QV_KV_CONFIG_BUCKET, "k", "after", 0), 0);
+    std::string value;
+    EXPECT_EQ(qv_nats_kv_get(requester, QV_KV_CONFIG_BUCKET, "k", &value), 0);
+    EXPECT_EQ(value, "after");
+
+    // With everything in place a further check changes nothing.
+    const std::shared_ptr<jsCtx> js = qv_nats_jetstream(config.get());
     EXPECT_EQ(qv_nats_check_connection(config.get()), 0);
-    EXPECT_EQ(ping(requester), 0);
+    EXPECT_EQ(connection(), fresh);
+    EXPECT_EQ(qv_nats_jetstream(config.get()).get(), js.get());
+    EXPECT_EQ(config->_handler_threads.load(), 3);
     // Closing it on purpose ends its handler threads, without the stop flag.
     qv_nats_deinit(config.get());
     EXPECT_EQ(config->_handler_threads.load(), 0);

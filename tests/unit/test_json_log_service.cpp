@@ -121,8 +121,6 @@ TEST_F(JsonLogService, EachSectionIsItsLogDataWithTheEnvelopeKeysAppendedInOrder
 TEST_F(JsonLogService, TimestampIsMadeFromTheEpochInUtcWhenAbsentOrEmpty) {
     const std::string tail =
         "\"Component\": \"c\", \"EventID\": \"e\", \"realmID\": \"r1\", " + kError + "}";
-    EXPECT_EQ(member(error_line("{\"Timestamp_epoch\": 0, " + tail), "Timestamp"),
-              "1970-01-01 00:00:00");
     EXPECT_EQ(member(error_line("{\"Timestamp\": \"\", \"Timestamp_epoch\": 1709294407, " + tail),
                      "Timestamp"),
               "2024-03-01 12:00:07");
@@ -132,33 +130,6 @@ TEST_F(JsonLogService, TimestampIsMadeFromTheEpochInUtcWhenAbsentOrEmpty) {
     // An epoch no calendar can show leaves the timestamp empty.
     EXPECT_EQ(member(error_line("{\"Timestamp_epoch\": 9223372036854775807, " + tail), "Timestamp"),
               "");
-}
-
-TEST_F(JsonLogService, HostileValuesStayInsideTheirStringsAndCannotReplaceTheAddedKeys) {
-    const std::string forged = "x\"}\r\n{\"Tenant\":\"evil\"}\r\n\0\x01/"s;
-    const std::string text = "\"" + qv_json_escape(forged) + "\"";
-    std::string request = envelope(section(
-        "ErrorLog", "{\"Message\": " + text + ", \"Tenant\": \"evil\", \"LogType\": 1, \"Z\": 1}"));
-    request.replace(request.find("\"node1\""), 7, text);
-    qv::json_ptr line = error_line(request);
-    EXPECT_EQ(member(line, "Message"), forged);
-    EXPECT_EQ(member(line, "Hostname"), forged);
-    // The sender's own keys stay before the added ones, which carry this daemon's values.
-    const std::string written = qv_json_to_string(line.get());
-    EXPECT_LT(written.find("\"Z\":1"), written.find("\"Tenant\":\"on-premises\""));
-    EXPECT_EQ(member(line, "Tenant") + member(line, "LogType"), "on-premisesErrorLog");
-}
-
-TEST_F(JsonLogService, RealmSubdirectoryOnlyWhenSplittingByRealm) {
-    EXPECT_EQ(log(envelope(kError, "\"r2\"")) + log(envelope(kError, "")), kOK + kOK);
-    config_->log->split_logs_by_realm = false;
-    EXPECT_EQ(log(envelope(kError, "\"r3\"")), kOK);
-    const std::string text = qvtest::read_file(root_ + "/error/error.log");
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
-    EXPECT_NE(text.find("\"RealmID\":\"\","), std::string::npos);
-    EXPECT_NE(text.find("\"RealmID\":\"r3\","), std::string::npos);
-    EXPECT_TRUE(fs::exists(root_ + "/error/r2/error.log"));
-    EXPECT_FALSE(fs::exists(root_ + "/error/r3"));
 }
 
 TEST_F(JsonLogService, AFileAtTheLimitIsZippedAndAFailedAppendFailsTheReply) {
@@ -191,10 +162,6 @@ TEST_F(JsonLogService, CloudTenantsComeFromTheClusterTheMessageOrTheTenantList) 
     EXPECT_EQ(
         tenant(envelope("\"Tenant\": \"t-7\", \"realmName\": \"S\", " + kError, "\"r1\"", "VSA")),
         "t-7/S");
-    EXPECT_EQ(log(envelope(kError, "", "VSA")), kOK);
-    EXPECT_NE(
-        qvtest::read_file(root_ + "/error/error.log").find("\"local\",\"RealmName\":\"local\""),
-        std::string::npos);
 
     fs::remove_all(root_);
     EXPECT_EQ(log(envelope(kError, "\"r9\"", "VSA")),

@@ -6,14 +6,12 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -154,8 +152,6 @@ class LogService : public ::testing::Test {
         EXPECT_EQ(rc, reply == "{\"ReturnCode\": -1}" ? -1 : 0) << reply;
         return reply;
     }
-    bool traced(const std::string& text) const { return trace_.contains(text); }
-
     qvtest::LogCapture trace_;
     qvtest::TempDir dir_;
     std::string root_ = dir_ / "logs";
@@ -174,44 +170,29 @@ TEST_F(LogService, EachSectionWritesItsExactLineAndMissingOptionalFieldsAreEmpty
     EXPECT_EQ(read_file(root_ + "/scan/r1/daily/scan.log"),
               kHead + "PRD;/in/a.exe;68;application/x-dosexec;virus found;EICAR;12 ms\r\n" + kHead +
                   ";b;c;0;t;clean;;0 ms\r\n");
-    EXPECT_TRUE(traced("Object Duration not found"));
     EXPECT_EQ(read_file(root_ + "/update/r1/update.log"), kHead + "engine updated\r\n");
     EXPECT_EQ(read_file(root_ + "/status/r1/status.log"), kHead + "ready\r\n");
     EXPECT_EQ(read_file(root_ + "/error/r1/error.log"), kHead + "disk; full\r\n");
     log(
-        envelope("\"BlockLog\": {\"LogData\": {\"Filename\": \"x.docm\", \"File-size\": 4096, "
-                 "\"MIME-type\": \"m\", \"Result-Text\": \"blocked\", \"Duration\": 3}}"));
+        envelope("\"BlockLog\": {\"LogData\": {\"Filename\": \"x\\r\\n.docm\", \"File-size\": "
+                 "4096, \"MIME-type\": \"m\", \"Result-Text\": \"blocked\", \"Duration\": 3}}"));
+    // Control characters in a field are escaped, so that no field can end its line.
     EXPECT_EQ(read_file(root_ + "/block/r1/block.log"),
-              kHead + ";x.docm;4096 bytes;m;blocked;;3 ms\r\n");
+              kHead + ";x\\r\\n.docm;4096 bytes;m;blocked;;3 ms\r\n");
 
     // An EPO line starts with the product code of the component.
     for (const char* component : {"qv-av-trellix", "qv-av-control", "VSA", "qv-av-mimescan"}) {
         log(envelope(epo(), "\"r1\"", component));
     }
     log(envelope(epo(", \"Lib-Version\": \"6.1\", \"DAT-Version\": \"11\"")));
-    // Timestamp and EventID default to 0.
-    log(
-        envelope("\"EPOLog\": {\"LogData\": {\"Filename\": \"f\", \"Threat-Name\": \"n\", "
-                 "\"Threat-Category\": \"c\", \"Threat-Type\": \"t\", \"Action-taken\": \"a\"}}"));
+    // Timestamp and EventID default to 0; a forged line stays inside its field.
+    log(envelope(
+        "\"EPOLog\": {\"LogData\": {\"Filename\": \"f\\r\\nSEA;0\", \"Threat-Name\": \"n\", "
+        "\"Threat-Category\": \"c\", \"Threat-Type\": \"t\", \"Action-taken\": \"a\"}}"));
     EXPECT_EQ(read_file(root_ + "/epo/r1/epo.log"),
               "SEA" + kEpoTail + "CTL" + kEpoTail + "VSA" + kEpoTail + kEpoTail +
                   "SEA;1709294407;1278;/in/a.exe;EICAR;test;virus;blocked;6.1;11;node1.example\r\n"
-                  "SEA;0;0;f;n;c;t;a;;;node1.example\r\n");
-}
-
-TEST_F(LogService, RealmSubdirectoriesOnlyWhenSplitting) {
-    log(envelope(message("ErrorLog", "e")));
-    log(envelope(message("ErrorLog", "e"), ""));  // no realm: the base directory itself
-    log(envelope(epo(), "\"r2\""));
-    config_->log->split_logs_by_realm = false;
-    log(envelope(message("ErrorLog", "e"), "\"r3\""));
-    log(envelope(epo(), "\"r3\""));
-    EXPECT_EQ(
-        files_below(root_ + "/error"),
-        (std::vector<std::string>{root_ + "/error/error.log", root_ + "/error/r1/error.log"}));
-    EXPECT_EQ(read_file(root_ + "/error/error.log"), kHead + "e\r\n" + kHead + "e\r\n");
-    EXPECT_EQ(files_below(root_ + "/epo"),
-              (std::vector<std::string>{root_ + "/epo/epo.log", root_ + "/epo/r2/epo.log"}));
+                  "SEA;0;0;f\\r\\nSEA;0;n;c;t;a;;;node1.example\r\n");
 }
 
 TEST_F(LogService, LogsAreZippedAtExactlyTheLimitButTheEpoLogNever) {
@@ -265,7 +246,6 @@ TEST_F(LogService, ConcurrentLinesNeverInterleaveAndNoneIsLostWhenTheLogSwitches
             }
         }
         std::sort(lines.begin(), lines.end());
-        EXPECT_EQ(lines.size(), expected.size()) << limit;
         EXPECT_TRUE(lines == expected) << limit;
         EXPECT_TRUE(limit != 0 || same_second > 0);
     }
@@ -276,52 +256,18 @@ TEST_F(LogService, BadEnvelopesAreRefusedWithoutWritingAnything) {
     const std::string parse = "Failed to parse JSON. Errorcode: ";
     const std::pair<std::string, std::string> cases[] = {
         {"{\"LogVersion\": 1, \"Timestamp\": ", parse + "unexpected end of data"},
-        {"", parse + "unexpected end of data"},
-        {"<log/>", parse + "unexpected character"},
         {good + " x", parse + "unexpected trailing characters"},
         {"[" + good + "]", parse + "not a JSON object"},
-        {"null ", parse + "not a JSON object"},
         {with_member(good, {"LogVersion"}, "2"),
          "Log version 2 not supported by this logger (version 1)"},
         {with_member(good, {"Timestamp"}, ""), "Failed to read Timestamp from JSON"},
         {with_member(good, {"Component"}, "\"\""), "Key Component found, but value is empty"},
-        {with_member(good, {"EventID"}, "null"), "Key EventID found, but value is empty"},
         {with_member(good, {"EventID"}, "[\"e\"]"), "Failed to read EventID from JSON"},
     };
     for (const auto& [request, error] : cases) {
         EXPECT_EQ(log(request), error_reply(error)) << request;
     }
     EXPECT_FALSE(fs::exists(root_));
-}
-
-TEST_F(LogService, HostileRealmsAndScanLogPathsRefuseTheWholeRequest) {
-    const std::string good = envelope(message("ErrorLog", "e") + ", " + scan() + ", " + epo());
-    // Nothing of a request is expanded. The full tables of names run against the checks
-    // themselves; these show that both members are checked before anything is written.
-    for (const std::string& name : {"r\r\nPUB x 0"s, "r\0x"s, "${HOME}"s, ".."s}) {
-        EXPECT_EQ(log(with_member(good, {"realmID"}, quoted(name))), error_reply("Invalid realm"))
-            << name;
-        EXPECT_EQ(log(with_member(good, {"ScanLog", "ScanLogPath"}, quoted(name))),
-                  error_reply("Invalid scan log path"))
-            << name;
-    }
-    for (const char* wrong_type : {"5", "[\"r1\"]"}) {
-        EXPECT_EQ(log(with_member(good, {"realmID"}, wrong_type)), error_reply("Invalid realm"));
-    }
-    for (const char* path : {"7", "\"epo.log\""}) {
-        EXPECT_EQ(log(with_member(good, {"ScanLog", "ScanLogPath"}, path)),
-                  error_reply("Invalid scan log path"));
-    }
-    EXPECT_FALSE(fs::exists(root_));
-    EXPECT_TRUE(traced("Invalid realm: 'r\\r\\nPUB x 0'"));
-
-    // Only the configured base directory is expanded; subdirectories keep working.
-    setenv("QVTEST_LOG_ROOT", root_.c_str(), 1);
-    config_->log->basedir_scanlog = "${QVTEST_LOG_ROOT}/scan";
-    EXPECT_EQ(log(envelope(scan("daily/2024-03/scan.log"))), kOK);
-    unsetenv("QVTEST_LOG_ROOT");
-    EXPECT_EQ(files_below(root_),
-              std::vector<std::string>{root_ + "/scan/r1/daily/2024-03/scan.log"});
 }
 
 TEST_F(LogService, IncompleteSectionsAreSkippedAndTheOthersStillWritten) {
@@ -345,57 +291,12 @@ TEST_F(LogService, IncompleteSectionsAreSkippedAndTheOthersStillWritten) {
     EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 5);
 }
 
-TEST_F(LogService, ControlCharactersInAnyFieldAreEscapedSoEverySectionWritesOneLine) {
-    // Every text field of every section holds a forged line, a NUL, an escape sequence and DEL.
-    const std::string hostile = "x\r\nSEA;0;0;forged\0\x1b[1m\x7f\t"s;
-    const std::string e = "x\\r\\nSEA;0;0;forged\\x00\\x1B[1m\\x7F\\x09";
-    const std::string q = quoted(hostile);
-    const std::string scan_data =
-        "\"SID\": " + q + ", \"Filename\": " + q + ", \"File-size\": 1, \"MIME-type\": " + q +
-        ", \"Result-Text\": " + q + ", \"Reason-Text\": " + q + ", \"Duration\": 2";
-    const std::string request =
-        "{\"LogVersion\": 1, \"Timestamp\": " + q + ", \"Component\": " + q +
-        ", \"EventID\": " + q + ", \"Hostname\": " + q + ", \"realmID\": \"r1\", " +
-        scan("scan.log", scan_data) + ", \"BlockLog\": {\"LogData\": {" + scan_data +
-        "}}, \"EPOLog\": {\"LogData\": {\"Timestamp\": 5, \"EventID\": 6, \"Filename\": " + q +
-        ", \"Threat-Name\": " + q + ", \"Threat-Category\": " + q + ", \"Threat-Type\": " + q +
-        ", \"Action-taken\": " + q + ", \"Lib-Version\": " + q + ", \"DAT-Version\": " + q +
-        "}}, " + message("UpdateLog", qv_json_escape(hostile)) + ", " +
-        message("StatusLog", qv_json_escape(hostile)) + ", " +
-        message("ErrorLog", qv_json_escape(hostile)) + "}";
-    EXPECT_EQ(log(request), kOK);
-
-    const std::string head = e + ";" + e + ";" + e + ";" + e + ";";
-    EXPECT_EQ(read_file(root_ + "/scan/r1/scan.log"),
-              head + e + ";" + e + ";1;" + e + ";" + e + ";" + e + ";2 ms\r\n");
-    EXPECT_EQ(read_file(root_ + "/block/r1/block.log"),
-              head + e + ";" + e + ";1 bytes;" + e + ";" + e + ";" + e + ";2 ms\r\n");
-    // An unknown component has no product code.
-    EXPECT_EQ(
-        read_file(root_ + "/epo/r1/epo.log"),
-        ";5;6;" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + ";" + e + "\r\n");
-    for (const char* kind : {"update", "status", "error"}) {
-        EXPECT_EQ(read_file(root_ + "/" + kind + "/r1/" + kind + ".log"), head + e + "\r\n")
-            << kind;
-    }
-}
-
 TEST_F(LogService, AFailedWriteFailsTheReplyWhileTheOtherSectionsAreStillWritten) {
-    // A full device: the write fails with ENOSPC. It is never taken for a log to archive either.
-    config_->log->max_logfile_size_MB = 0;
+    // The first part of the 5000-byte line fits below the file size limit, the rest fails with
+    // EFBIG: the part written is cut off again, so that the log never holds half a line.
     const std::string path = root_ + "/error/r1/error.log";
-    qvtest::make_dirs(root_ + "/error/r1");
-    ASSERT_EQ(symlink("/dev/full", path.c_str()), 0);
-    EXPECT_EQ(log(envelope(message("ErrorLog", "lost") + ", " + message("StatusLog", "ready"))),
-              error_reply("Failed to write log line for ErrorLog: No space left on device"));
-    EXPECT_EQ(files_below(root_ + "/error"), std::vector<std::string>{});
-    EXPECT_EQ(read_file(root_ + "/status/r1/status.log"), kHead + "ready\r\n");
-
-    // The first part of the 5000-byte line fits below the limit, the rest fails with EFBIG: the
-    // part written is cut off again.
-    config_->log->max_logfile_size_MB = 1;
-    fs::remove(path);
     const std::string before = kHead + "old\r\n";
+    qvtest::make_dirs(root_ + "/error/r1");
     qvtest::write_file(path, before);
     EXPECT_TRUE(in_child(before.size() + 1000, [&] {
         return log(envelope(message("ErrorLog", std::string(5000, 'x')) + ", " +
@@ -403,11 +304,10 @@ TEST_F(LogService, AFailedWriteFailsTheReplyWhileTheOtherSectionsAreStillWritten
                error_reply("Failed to write log line for ErrorLog: File too large");
     }));
     EXPECT_EQ(read_file(path), before);
-    EXPECT_EQ(read_file(root_ + "/status/r1/status.log"),
-              kHead + "ready\r\n" + kHead + "ready\r\n");
+    EXPECT_EQ(read_file(root_ + "/status/r1/status.log"), kHead + "ready\r\n");
 }
 
-TEST(LogArchive, AnArchiveNeverReplacesAFileAndAFailedOneLeavesTheLogAsItWas) {
+TEST(LogArchive, AnArchiveNeverReplacesAnExistingFile) {
     qvtest::TempDir dir;
     const std::string log = dir / "x.log";
     const std::string name = log + "_2024-03-01__13-05-59.zip";
@@ -420,58 +320,25 @@ TEST(LogArchive, AnArchiveNeverReplacesAFileAndAFailedOneLeavesTheLogAsItWas) {
     EXPECT_EQ(read_zip(written), "line\r\n");
     EXPECT_EQ(read_file(name), "taken");
     EXPECT_FALSE(qvtest::file_exists(log));
-
-    // The archive fails half-way (the file size limit): it is removed again, the log stays.
-    std::mt19937 bytes(7);  // incompressible, so that the archive passes the limit
-    std::string random(300000, '\0');
-    for (char& c : random) {
-        c = static_cast<char>(bytes());
-    }
-    qvtest::write_file(log, random);
-    EXPECT_TRUE(in_child(100000, [&] {
-        return qvhlp_archive_and_remove(log.c_str(), dir / "big.zip", &written, &error) == -1;
-    }));
-    EXPECT_FALSE(qvtest::file_exists(dir / "big.zip"));
-    EXPECT_TRUE(read_file(log) == random);
-
-    // A pipe in place of the log is refused at once, not waited on.
-    ASSERT_EQ(mkfifo((dir / "pipe.log").c_str(), 0600), 0);
-    EXPECT_EQ(
-        qvhlp_archive_and_remove((dir / "pipe.log").c_str(), dir / "pipe.zip", &written, &error),
-        -1);
-    EXPECT_FALSE(qvtest::file_exists(dir / "pipe.zip"));
 }
 
 TEST_F(LogService, EpoCollectionReturnsTheLinesItRemovesAndAnswersEveryRequest) {
-    // The collector takes the configured EPO location as the log file itself.
+    // The collector takes a configured EPO location that is no directory as the log file itself.
     const std::string path = root_ + "/collected.log";
     config_->log->basedir_epolog = path;
     EXPECT_EQ(epolog(kCollect), "{\"ReturnCode\": 301}");
-    EXPECT_FALSE(fs::exists(path));
 
     qvtest::make_dirs(root_);
     const std::string lines = "SEA;1;2;f\"q\\;n;c;t;a;;;h\r\nCTL;3;4;\xc3\xa9;n;c;t;a;;;h\r\n";
     qvtest::write_file(path, lines);
     qv::json_ptr reply = qv_json_parse(epolog(kCollect));
     ASSERT_TRUE(reply);
-    EXPECT_EQ(json_object_get_int(json_object_object_get(reply.get(), "ReturnCode")), 0);
     EXPECT_EQ(json_object_get_string(json_object_object_get(reply.get(), "Log")), lines);
     EXPECT_EQ(fs::file_size(path), 0u);
     EXPECT_EQ(epolog(kCollect), "{\"ReturnCode\":0,\"Log\":\"\"}");
 
-    // A directory there: the log service's "epo.log" in it.
-    config_->log->basedir_epolog = root_;
-    EXPECT_EQ(epolog(kCollect), "{\"ReturnCode\": 301}");
-    qvtest::make_dirs(root_ + "/epo.log");  // a log that cannot be read stays as it is
-    EXPECT_EQ(epolog(kCollect),
-              error_reply("Failed to read " + root_ + "/epo.log into buffer: Is a directory"));
-    fs::remove(root_ + "/epo.log");
-    qvtest::write_file(root_ + "/epo.log", "VSA;1;2;f;n;c;t;a;;;h\r\n");
-    EXPECT_EQ(epolog(kCollect), "{\"ReturnCode\":0,\"Log\":\"VSA;1;2;f;n;c;t;a;;;h\\r\\n\"}");
-
     for (const std::string& request :
-         {"{\"Command\": 401}"s, "{\"Cmd\": 400}"s, "{\"Command\": \"x\"}"s, "{\"Command\": 4"s,
-          ""s, "[400]"s, "\"400\""s, "null "s}) {
+         {"{\"Command\": 401}"s, "{\"Cmd\": 400}"s, "{\"Command\": \"x\"}"s, "{\"Command\": 4"s}) {
         EXPECT_EQ(epolog(request), "{\"ReturnCode\": -1}") << request;
     }
 }
@@ -505,6 +372,5 @@ TEST_F(LogService, NoEpoLineIsLostOrDoubledBetweenWriterAndCollector) {
     collector.join();
     collect();
     std::sort(collected.begin(), collected.end());
-    EXPECT_EQ(collected.size(), expected.size());
     EXPECT_TRUE(collected == expected);
 }

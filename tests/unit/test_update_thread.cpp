@@ -48,9 +48,6 @@ struct installation {
 }  // namespace
 
 TEST(UpdateThread, CheckInstallsThenWaitsForActivation) {
-    EXPECT_EQ(qvctrl_update_interval_ms(0), 60000);
-    EXPECT_EQ(qvctrl_update_interval_ms(15), 900000);
-
     LogCapture log;
     installation inst;
     HttpTestServer server;
@@ -65,7 +62,6 @@ TEST(UpdateThread, CheckInstallsThenWaitsForActivation) {
     EXPECT_EQ(qvtest::read_file(fresh + "/bin/prog"), "new");
     EXPECT_EQ(qvtest::read_file(fresh + "/.version.qv"), "20240301001");
     EXPECT_EQ(inst.latest_target(), "1700000000");
-    EXPECT_TRUE(log.contains("Quorvle Control BIN updated to version 20240301001,"));
     EXPECT_EQ(qvtest::list_dir(inst.component),
               (std::vector<std::string>{"1700000000", inst.params.update_deployed_to, "latest"}));
     // While the installed version waits for activation, the server is not asked again.
