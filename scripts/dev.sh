@@ -55,7 +55,7 @@ cmd_test() {
   echo "== threaded tests (TSan)"
   TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$repo/tests/tsan.supp} \
     ctest --test-dir "$repo/build-tsan" -j"$jobs" --output-on-failure --timeout 300 \
-      -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|LogArchive|EventService|RegistryWithBroker|Registry|PollerLock|HostileRequests|HostileRegistryEntries|HostileSubscriptionEntries|DaemonMessaging|ScanConfigRequests|ScanConfigDaemon|JsonLogService|ConfigKv|Tenants|Apigw|CloudFill|ComponentConfigurationFlush|HostileConfigDaemon|HostileJsonLogDaemon|NatsMicro|NatsMicroDaemon|BackendConfigChanges|BrokerAuthDurability|RealmsPoller|UpdateThread|UpdateDaemon|CloudDaemon|NatsClusterDaemons|AmqpClient|AmqpSecurity|BackendDaemon)\.' |
+      -R '^(ServiceFixture|NatsConnect|KvFixture|ThreadJoin|TraceLog|Semaphore|PQueue|LogDispatcher|LogService|LogArchive|EventService|RegistryWithBroker|Registry|PollerLock|HostileRequests|HostileRegistryEntries|HostileSubscriptionEntries|DaemonMessaging|ScanConfigRequests|ScanConfigDaemon|JsonLogService|ConfigKv|Tenants|Apigw|CloudFill|ComponentConfigurationFlush|HostileConfigDaemon|HostileJsonLogDaemon|NatsMicro|NatsMicroDaemon|BackendConfigChanges|BrokerAuthDurability|RealmsPoller|UpdateThread|UpdateDaemon|CloudDaemon|NatsClusterDaemons|AmqpClient|AmqpSecurity|BackendDaemon|LogDispatcherService|LogDispatcherDaemon|HostileDaemon|WorkerDaemons|ConnectionFacade|Daemon|GatewayTest)\.' |
     tee "$repo/build-tsan/ctest.log"
   package
   fuzz
